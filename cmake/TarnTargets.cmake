@@ -1,0 +1,35 @@
+# Small helpers so that every folder declares its target the same way.
+
+# tarn_library(NAME SOURCES... [DEPS ...]): one static library per src/ folder.
+function(tarn_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${arg_DEPS})
+endfunction()
+
+# tarn_component(NAME SOURCES... [DEPS ...]): a plug-in loaded with dlopen, named NAME.so in dist/.
+function(tarn_component name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} MODULE ${arg_SOURCES})
+  set_target_properties(${name} PROPERTIES PREFIX "" SUFFIX ".so"
+                        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/src)
+  target_link_libraries(${name} PRIVATE ${arg_DEPS})
+  target_link_options(${name} PRIVATE -Wl,--no-undefined)
+endfunction()
+
+# tarn_test(NAME SOURCES... [DEPS ...] [LABELS ...] [PROPERTIES ...] [OWN_MAIN]): one GoogleTest
+# executable per folder. OWN_MAIN when a source brings main() (e.g. to make a QApplication).
+function(tarn_test name)
+  cmake_parse_arguments(arg "OWN_MAIN" "" "SOURCES;DEPS;LABELS;PROPERTIES" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  target_link_libraries(${name} PRIVATE tarn_test_support ${arg_DEPS} GTest::gmock GTest::gtest)
+  if(NOT arg_OWN_MAIN)
+    target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES ENVIRONMENT "QT_QPA_PLATFORM=offscreen" LABELS "${arg_LABELS}" ${arg_PROPERTIES})
+endfunction()

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages that building, running or testing the gateway needs,
+# asking apt only when one is missing. Usage: scripts/install-deps.sh [run|test]
+set -euo pipefail
+
+run_packages=(
+  build-essential cmake ninja-build pkg-config
+  libthrift-dev thrift-compiler libcpprest-dev libssl-dev libboost-dev
+  qt6-base-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
+  libqpdf-dev qpdf libgxps-dev
+  libreoffice-writer-nogui libreoffice-calc libreoffice-impress-nogui libreofficekit-dev
+  xdg-user-dirs
+)
+test_packages=(
+  googletest libgtest-dev libgmock-dev
+  poppler-utils xvfb xauth xdotool chromium
+  clang libclang-rt-14-dev
+)
+
+wanted=("${run_packages[@]}")
+if [ "${1:-run}" = test ]; then wanted+=("${test_packages[@]}"); fi
+
+missing=()
+for pkg in "${wanted[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$pkg")
+  fi
+done
+if [ ${#missing[@]} -eq 0 ]; then exit 0; fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
+  exit 1
+fi
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+apt-get install -y --no-install-recommends "${missing[@]}"

@@ -1,0 +1,95 @@
+#include "convutils/CConvRegKey.h"
+
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
+
+class CConvRegKey_test : public test::sandboxed_test {
+ protected:
+  void store_raw(reg_root root, const char* name, uint32_t type, const std::string& data) {
+    auto store = registry_store::open(root, registry_store::access::write, nullptr);
+    ASSERT_TRUE(store);
+    ASSERT_TRUE(store->set(kKey, name, type, data, nullptr));
+  }
+};
+
+TEST_F(CConvRegKey_test, MissingKeyGivesDefaultAndCreatesNothing) {
+  CConvRegKey key(reg_root::current_user, kKey, "Tarn_GateWay_fetatures", 9);
+  DWORD value = 0;
+  EXPECT_EQ(key.read_number(&value), kErrorFileNotFound);
+  EXPECT_EQ(value, 9u);
+  EXPECT_TRUE(key.read_as_bool());
+  EXPECT_FALSE(std::filesystem::exists(registry_file(reg_root::current_user)));
+}
+
+TEST_F(CConvRegKey_test, WriteCreatesTheKeyPathAndReadsBack) {
+  CConvRegKey key(reg_root::current_user, kKey, "do_merge", 0);
+  EXPECT_EQ(key.write_number(0xDEADBEEF), kErrorSuccess);
+  EXPECT_EQ(CConvRegKey(reg_root::current_user, kKey, "DO_MERGE", 1).read_as_number(),
+            0xDEADBEEFu);
+  auto store = registry_store::open(reg_root::current_user, registry_store::access::read, nullptr);
+  EXPECT_TRUE(store->key_exists("Software\\Vantu\\PDF"));
+}
+
+// Four bytes or fewer of any type read as a number; a longer value gives the default.
+TEST_F(CConvRegKey_test, NumberReadTakesRawBytesUpToFour) {
+  const struct {
+    const char* name;
+    uint32_t type;
+    std::string data;
+    long status;
+    DWORD expected;
+  } cases[] = {
+      {"dword", kRegDword, reg_dword_bytes(4), kErrorSuccess, 4},
+      {"three chars", kRegSz, reg_sz_bytes("abc"), kErrorMoreData, 77},
+      {"one char", kRegSz, reg_sz_bytes("a"), kErrorSuccess, 0x61},
+      {"two bytes", kRegBinary, std::string("\x01\x02", 2), kErrorSuccess, 0x0201},
+      {"qword", kRegQword, std::string(8, '\x01'), kErrorMoreData, 77},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    store_raw(reg_root::current_user, c.name, c.type, c.data);
+    DWORD value = 0;
+    EXPECT_EQ(CConvRegKey(reg_root::current_user, kKey, c.name, 77).read_number(&value), c.status);
+    EXPECT_EQ(value, c.expected);
+  }
+}
+
+TEST_F(CConvRegKey_test, TextReadFallsBackToDefaultBelowTwoBytes) {
+  store_raw(reg_root::local_machine, "InstallPath", kRegSz, reg_sz_bytes("/opt/vantu tarn/"));
+  store_raw(reg_root::local_machine, "one byte", kRegSz, std::string(1, 'x'));
+  const struct {
+    const char* name;
+    std::optional<std::string> fallback;
+    const char* expected;  // null: no text at all
+  } cases[] = {
+      {"InstallPath", std::nullopt, "/opt/vantu tarn/"},
+      {"one byte", std::string("dflt"), "dflt"},
+      {"one byte", std::nullopt, nullptr},
+      {"missing", std::string("dflt"), "dflt"},
+      {"missing", std::nullopt, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    CConvRegKey key(reg_root::local_machine, kKey, c.name, c.fallback);
+    const std::string* text = key.read_text();
+    if (c.expected == nullptr) {
+      EXPECT_EQ(text, nullptr);
+    } else {
+      ASSERT_NE(text, nullptr);
+      EXPECT_EQ(*text, c.expected);
+    }
+  }
+}
+
+TEST_F(CConvRegKey_test, RootsAreSeparateStores) {
+  CConvRegKey(reg_root::local_machine, kKey, "v", 0).write_number(1);
+  EXPECT_EQ(CConvRegKey(reg_root::current_user, kKey, "v", 5).read_as_number(), 5u);
+  EXPECT_EQ(CConvRegKey(reg_root::local_machine, kKey, "v", 5).read_as_number(), 1u);
+}
+
+}  // namespace
+}  // namespace tarn

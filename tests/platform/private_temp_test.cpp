@@ -1,0 +1,47 @@
+#include "platform/private_temp.h"
+
+#include <sys/stat.h>
+
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+using test::sandboxed_test;
+
+class private_temp_test : public sandboxed_test {};
+
+TEST_F(private_temp_test, PrefersTmpdirThenRuntimeDir) {
+  EXPECT_EQ(private_temp_dir(), env_.tmp());
+
+  env_.set_env("TMPDIR", std::nullopt);
+  const auto runtime = env_.root() / "run";
+  std::filesystem::create_directories(runtime);
+  env_.set_env("XDG_RUNTIME_DIR", runtime.string());
+  std::string err;
+  auto dir = private_temp_dir(&err);
+  ASSERT_TRUE(dir) << err;
+  EXPECT_EQ(*dir, runtime / "tarn");
+  struct stat st;
+  ASSERT_EQ(stat(dir->c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+}
+
+TEST_F(private_temp_test, RefusesAFolderOthersCanEnterOrAFile) {
+  env_.set_env("TMPDIR", std::nullopt);
+  const auto runtime = env_.root() / "run";
+  std::filesystem::create_directories(runtime / "tarn");
+  chmod((runtime / "tarn").c_str(), 0755);
+  env_.set_env("XDG_RUNTIME_DIR", runtime.string());
+  std::string err;
+  EXPECT_FALSE(private_temp_dir(&err));
+  EXPECT_NE(err.find("open to other users"), std::string::npos) << err;
+
+  std::filesystem::remove(runtime / "tarn");
+  test::write_file(runtime / "tarn", "x");
+  EXPECT_FALSE(private_temp_dir(&err));
+  EXPECT_NE(err.find("not a folder"), std::string::npos) << err;
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,71 @@
+#include "support/test_env.h"
+
+#include <stdlib.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace tarn::test {
+
+scoped_test_env::scoped_test_env() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed: " + pattern);
+  root_ = pattern;
+  std::filesystem::create_directories(home());
+  std::filesystem::create_directories(tmp());
+  std::filesystem::permissions(tmp(), std::filesystem::perms::owner_all);
+  set_env("HOME", home().string());
+  set_env("XDG_CONFIG_HOME", (home() / ".config").string());
+  set_env("XDG_DATA_HOME", (home() / ".local/share").string());
+  set_env("XDG_STATE_HOME", (home() / ".local/state").string());
+  set_env("XDG_CACHE_HOME", (home() / ".cache").string());
+  set_env("XDG_RUNTIME_DIR", std::nullopt);
+  set_env("TMPDIR", tmp().string());
+  set_env("TARN_MACHINE_REGISTRY", machine_registry().string());
+}
+
+scoped_test_env::~scoped_test_env() {
+  for (const auto& [name, value] : saved_) {
+    if (value) {
+      setenv(name.c_str(), value->c_str(), 1);
+    } else {
+      unsetenv(name.c_str());
+    }
+  }
+  std::error_code ec;
+  // Tests may leave read-only folders behind on purpose; make them removable first.
+  for (auto it = std::filesystem::recursive_directory_iterator(root_, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    if (it->is_directory(ec))
+      std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                   std::filesystem::perm_options::add, ec);
+  }
+  std::filesystem::remove_all(root_, ec);
+}
+
+void scoped_test_env::set_env(const std::string& name, const std::optional<std::string>& value) {
+  if (!saved_.count(name)) {
+    const char* old = getenv(name.c_str());
+    saved_[name] = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
+  }
+  if (value) {
+    setenv(name.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name.c_str());
+  }
+}
+
+std::string read_file(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void write_file(const std::filesystem::path& path, const std::string& bytes) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+}
+
+}  // namespace tarn::test

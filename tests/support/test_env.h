@@ -1,0 +1,44 @@
+// A private sandbox for one test: a fresh temporary folder with HOME, the XDG folders, TMPDIR
+// and TARN_MACHINE_REGISTRY pointed inside it. The environment is restored and the folder
+// removed on destruction, also after a failed assertion.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tarn::test {
+
+class scoped_test_env {
+ public:
+  scoped_test_env();
+  ~scoped_test_env();
+  scoped_test_env(const scoped_test_env&) = delete;
+  scoped_test_env& operator=(const scoped_test_env&) = delete;
+
+  const std::filesystem::path& root() const { return root_; }
+  std::filesystem::path home() const { return root_ / "home"; }
+  std::filesystem::path tmp() const { return root_ / "tmp"; }
+  std::filesystem::path machine_registry() const { return root_ / "etc" / "registry.sqlite"; }
+
+  // Sets (or, with nullopt, unsets) a variable until the end of the test.
+  void set_env(const std::string& name, const std::optional<std::string>& value);
+
+ private:
+  std::filesystem::path root_;
+  std::map<std::string, std::optional<std::string>> saved_;
+};
+
+// Base fixture: every test gets its own sandbox.
+class sandboxed_test : public ::testing::Test {
+ protected:
+  scoped_test_env env_;
+};
+
+std::string read_file(const std::filesystem::path& path);
+void write_file(const std::filesystem::path& path, const std::string& bytes);
+
+}  // namespace tarn::test

@@ -1,0 +1,105 @@
+#include "platform/registry_store.h"
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+using test::run_program;
+
+class tarnctl_reg_test : public test::sandboxed_test {
+ protected:
+  test::program_result tarnctl(std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), test::dist_program("tarnctl"));
+    return run_program(args, input);
+  }
+};
+
+constexpr const char* kKey = "HKCU\\Software\\Vantu\\PDF\\V1\\TarnGateWay";
+
+TEST_F(tarnctl_reg_test, AddQueryDeleteLikeRegExe) {
+  auto r = tarnctl({"reg", "add", kKey, "/v", "Tarn_GateWay_fetatures", "/t", "REG_DWORD", "/d",
+                    "4", "/f"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, "The operation completed successfully.\n");
+
+  // Data that looks like a switch or an option stays data; switches ignore case.
+  r = tarnctl({"reg", "add", kKey, "/VE", "/d", "/usr/lib/x", "/F"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  r = tarnctl({"reg", "add", kKey, "/v", "Neg", "/d", "--looks-like-an-option", "/f"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+
+  r = tarnctl({"reg", "query", kKey});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "\nHKEY_CURRENT_USER\\Software\\Vantu\\PDF\\V1\\TarnGateWay\n"
+            "    (Default)    REG_SZ    /usr/lib/x\n"
+            "    Neg    REG_SZ    --looks-like-an-option\n"
+            "    Tarn_GateWay_fetatures    REG_DWORD    0x4\n\n");
+
+  r = tarnctl({"reg", "query", kKey, "/v", "tarn_gateway_fetatures"});
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_NE(r.out.find("REG_DWORD    0x4"), std::string::npos);
+
+  r = tarnctl({"reg", "delete", kKey, "/v", "Neg", "/f"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  r = tarnctl({"reg", "query", kKey, "/v", "Neg"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err, "ERROR: The system was unable to find the specified registry key or value.\n");
+
+  r = tarnctl({"reg", "delete", "HKCU\\Software\\Vantu", "/f"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(tarnctl({"reg", "query", kKey}).exit_code, 1);
+}
+
+TEST_F(tarnctl_reg_test, RefusesBadInputWithTheValueAtFault) {
+  const struct {
+    std::vector<std::string> args;
+    int exit_code;
+    const char* err_part;
+  } cases[] = {
+      {{"reg", "add", "HKXX\\Software", "/v", "a", "/d", "1", "/f"}, 2, "HKXX\\Software"},
+      {{"reg", "add", kKey, "/v", "a", "/t", "REG_DWORD", "/d", "4294967296", "/f"}, 2,
+       "4294967296"},
+      {{"reg", "add", kKey, "/v", "a", "/t", "REG_DWORD", "/d", "-1", "/f"}, 2, "-1"},
+      {{"reg", "add", kKey, "/v", "a", "/t", "REG_NONE", "/f"}, 2, "REG_NONE"},
+      {{"reg", "add", kKey, "/v", "a", "/t", "REG_BINARY", "/d", "0g", "/f"}, 2, "0g"},
+      {{"reg", "query", "HKCU\\Nothing\\Here"}, 1, "unable to find"},
+      {{"reg", "frobnicate"}, 2, "frobnicate"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[1] + " " + c.args.back());
+    auto r = tarnctl(c.args);
+    EXPECT_EQ(r.exit_code, c.exit_code);
+    EXPECT_NE(r.err.find(c.err_part), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(tarnctl_reg_test, OverwriteAndDeleteWantSlashFWithoutATerminal) {
+  ASSERT_EQ(tarnctl({"reg", "add", kKey, "/v", "a", "/d", "old", "/f"}).exit_code, 0);
+  auto r = tarnctl({"reg", "add", kKey, "/v", "a", "/d", "new"}, "yes\n");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("add /f"), std::string::npos);
+  EXPECT_EQ(tarnctl({"reg", "delete", kKey}).exit_code, 1);
+  r = tarnctl({"reg", "query", kKey, "/v", "a"});
+  EXPECT_NE(r.out.find("REG_SZ    old"), std::string::npos);
+}
+
+TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
+  auto r = tarnctl({"setup"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  auto store = registry_store::open(env_.machine_registry(), registry_store::access::read, 0644,
+                                    nullptr);
+  ASSERT_TRUE(store);
+  auto value = store->get("Software\\Vantu\\PDF\\V1", "InstallPath");
+  ASSERT_TRUE(value);
+  EXPECT_EQ(reg_sz_text(value->data), std::string(TARN_DIST_DIR) + "/");
+
+  env_.set_env("TARN_MACHINE_REGISTRY", "/proc/no/such/registry.sqlite");
+  r = tarnctl({"setup"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("/proc/no/such/registry.sqlite"), std::string::npos) << r.err;
+}
+
+}  // namespace
+}  // namespace tarn
