@@ -1,0 +1,85 @@
+#include "gateway_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+// glibc 2.36's header lacks the extern "C" block.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+#include <cerrno>
+#include <vector>
+
+#include "raw_client.h"
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+extern char** environ;
+
+namespace tarn::test {
+
+gateway_process::gateway_process(const std::filesystem::path& folder, const std::string& name)
+    : out_path_(folder / (name + ".out")), err_path_(folder / (name + ".err")) {
+  const std::string program = dist_program("tarngateway");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out_path_.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path_.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char*> argv = {const_cast<char*>(program.c_str()), nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) == 0) {
+    pid_ = pid;
+    pidfd_.reset(pidfd_open(pid_, 0));
+  }
+  posix_spawn_file_actions_destroy(&actions);
+}
+
+gateway_process::~gateway_process() {
+  if (pid_ > 0 && !exit_code_) {
+    send_signal(SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+bool gateway_process::wait_listening(std::chrono::milliseconds deadline) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (std::chrono::steady_clock::now() < end) {
+    if (port_answers()) return true;
+    // Wakes at once when the process ends; else tries again after 10 ms.
+    pollfd exited{pidfd_.get(), POLLIN, 0};
+    if (poll(&exited, 1, 10) > 0) return false;
+  }
+  return false;
+}
+
+std::optional<int> gateway_process::wait_exit(std::chrono::milliseconds deadline) {
+  if (exit_code_ || pid_ <= 0) return exit_code_;
+  pollfd exited{pidfd_.get(), POLLIN, 0};
+  int ready;
+  while ((ready = poll(&exited, 1, static_cast<int>(deadline.count()))) < 0 && errno == EINTR) {
+  }
+  if (ready <= 0) return std::nullopt;
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return exit_code_;
+}
+
+bool gateway_process::send_signal(int signo) {
+  // Through the pidfd: a PID that was already reaped and reused can't be hit.
+  return pidfd_ && pidfd_send_signal(pidfd_.get(), signo, nullptr, 0) == 0;
+}
+
+std::string gateway_process::error_output() const { return read_file(err_path_); }
+
+bool port_answers() { return raw_client(kPort).connected(); }
+
+}  // namespace tarn::test
