@@ -22,9 +22,10 @@ extern char** environ;
 
 namespace tarn::test {
 
-gateway_process::gateway_process(const std::filesystem::path& folder, const std::string& name)
+gateway_process::gateway_process(const std::filesystem::path& folder, const std::string& name,
+                                 const std::string& program_path)
     : out_path_(folder / (name + ".out")), err_path_(folder / (name + ".err")) {
-  const std::string program = dist_program("tarngateway");
+  const std::string program = program_path.empty() ? dist_program("tarngateway") : program_path;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

@@ -18,8 +18,10 @@ inline constexpr int kPort = 9090;
 
 class gateway_process {
  public:
-  // Starts the gateway; `name` tells the output files of several runs apart.
-  gateway_process(const std::filesystem::path& folder, const std::string& name);
+  // Starts the gateway (build/dist/tarngateway unless `program` names another); `name` tells
+  // the output files of several runs apart.
+  gateway_process(const std::filesystem::path& folder, const std::string& name,
+                  const std::string& program = "");
   ~gateway_process();
   gateway_process(const gateway_process&) = delete;
   gateway_process& operator=(const gateway_process&) = delete;
