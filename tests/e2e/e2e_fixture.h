@@ -54,6 +54,12 @@ class e2e_test : public sandboxed_test {
   }
 };
 
+// A POST of `body` to "/" as a browser sends it.
+inline std::string post_request(const std::string& body) {
+  return "POST / HTTP/1.1\r\nHost: localhost:9090\r\nContent-Type: application/x-thrift\r\n"
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
 // True when `err` holds the diagnostic line "[85] info FILE:LINE: " + text.
 inline bool has_trace_line(const std::string& err, const std::string& text) {
   size_t begin = 0;

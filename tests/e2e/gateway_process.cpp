@@ -14,9 +14,9 @@ extern "C" {
 #include <cerrno>
 #include <vector>
 
-#include "raw_client.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
+#include "web/raw_http_client.h"
 
 extern char** environ;
 
@@ -81,6 +81,13 @@ bool gateway_process::send_signal(int signo) {
 
 std::string gateway_process::error_output() const { return read_file(err_path_); }
 
-bool port_answers() { return raw_client(kPort).connected(); }
+bool port_answers() {
+  try {
+    raw_http_client probe(kPort);
+    return true;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
 
 }  // namespace tarn::test

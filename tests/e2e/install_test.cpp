@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 
 #include "e2e_fixture.h"
-#include "raw_client.h"
 #include "support/run_program.h"
+#include "web/raw_http_client.h"
 
 namespace tarn::test {
 namespace {
@@ -55,9 +55,9 @@ TEST_F(install_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   SCOPED_TRACE("the installed gateway serves its own start page");
   auto installed = std::make_unique<gateway_process>(env_.root(), "installed", gateway);
   ASSERT_TRUE(installed->wait_listening()) << installed->error_output();
-  raw_client client(kPort);
+  raw_http_client client(kPort);
   ASSERT_TRUE(client.send("GET / HTTP/1.1\r\n\r\n"));
-  const std::string page = client.read_until_close();
+  const std::string page = client.read_to_close();
   EXPECT_TRUE(page.starts_with("HTTP/1.1 200 OK\r\nContent-Type: text/html\r\n")) << page;
   EXPECT_NE(page.find(read_file(prefix / "lib/vantu-tarn/www-data/index.html")),
             std::string::npos);

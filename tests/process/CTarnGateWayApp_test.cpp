@@ -17,8 +17,8 @@
 #include <thread>
 
 #include "canned_http_server.h"
-#include "raw_client.h"
 #include "support/test_env.h"
+#include "web/raw_http_client.h"
 
 extern char** environ;
 
@@ -27,12 +27,17 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::canned_http_server;
-using test::raw_client;
+using test::raw_http_client;
 
 const std::string kStartPage =
     canned_http_server::reply("200 OK", "text/html", "<title>Vantu Tarn gateway</title>");
+const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
 const std::string kVersionReply =
     R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
+
+std::string post_request(const std::string& body) {
+  return "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
 
 // Fails the whole run when a step hangs: a join that never returns can't be unblocked.
 class watchdog {
@@ -158,18 +163,16 @@ TEST_F(CTarnGateWayApp_test, ExitStopsTheServerWhileAClientHoldsItsConnection) {
 
   // Half a request: the listener defers the accept until bytes arrive, and the connection's
   // thread then blocks reading the rest.
-  raw_client idle(port);
+  raw_http_client idle(port);
   ASSERT_TRUE(idle.send("POST / HTTP/1.1\r\nContent-Le"));
-  raw_client caller(port);
-  ASSERT_TRUE(caller.send(test::post_request(R"([1,"get_version",1,0,{}])")));
-  const std::string reply = caller.read_response();
+  raw_http_client caller(port);
+  ASSERT_TRUE(caller.send(post_request(kVersionCall)));
+  const std::string reply = caller.read_reply();
   EXPECT_EQ(reply.substr(reply.size() - std::min(reply.size(), kVersionReply.size())),
             kVersionReply);
 
   EXPECT_EQ(app.ExitInstance(kExitOk), kExitOk);
-  bool closed = false;
-  idle.read_until_close(&closed);
-  EXPECT_TRUE(closed) << "the idle connection outlived the server";
+  EXPECT_TRUE(idle.closed_by_server()) << "the idle connection outlived the server";
   EXPECT_EQ(app.listening_port(), 0);
 }
 
@@ -202,9 +205,9 @@ TEST_F(CTarnGateWayApp_test, ChildProcessesInheritNeitherTheListenerNorAConnecti
   ASSERT_EQ(app.InitInstance(), kExitOk);
   const int port = app.listening_port(10s);
   ASSERT_NE(port, 0);
-  raw_client caller(port);
-  ASSERT_TRUE(caller.send(test::post_request(R"([1,"get_version",1,0,{}])")));
-  ASSERT_FALSE(caller.read_response().empty());  // the connection is accepted and kept alive
+  raw_http_client caller(port);
+  ASSERT_TRUE(caller.send(post_request(kVersionCall)));
+  ASSERT_FALSE(caller.read_reply().empty());  // the connection is accepted and kept alive
 
   const std::set<std::string> server_sockets = server_socket_inodes(port);
   ASSERT_GE(server_sockets.size(), 2u) << "expected the listener and one accepted connection";
