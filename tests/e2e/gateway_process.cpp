@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 // glibc 2.36's header lacks the extern "C" block.
@@ -12,7 +12,6 @@ extern "C" {
 }
 
 #include <cerrno>
-#include <vector>
 
 #include "support/run_program.h"
 #include "support/test_env.h"
@@ -26,20 +25,26 @@ gateway_process::gateway_process(const std::filesystem::path& folder, const std:
                                  const std::string& program_path)
     : out_path_(folder / (name + ".out")), err_path_(folder / (name + ".err")) {
   const std::string program = program_path.empty() ? dist_program("tarngateway") : program_path;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out_path_.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path_.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> argv = {const_cast<char*>(program.c_str()), nullptr};
-  pid_t pid = -1;
-  if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) == 0) {
+  char* const argv[] = {const_cast<char*>(program.c_str()), nullptr};
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // The watchdog of last resort: if the test process dies, so does the gateway, and port
+    // 9090 is free for the next test. Only async-signal-safe calls until execve.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
+    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (in < 0 || out < 0 || err < 0 || dup2(in, STDIN_FILENO) < 0 ||
+        dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0)
+      _exit(127);
+    execve(argv[0], argv, environ);
+    _exit(127);
+  }
+  if (pid > 0) {
     pid_ = pid;
     pidfd_.reset(pidfd_open(pid_, 0));
   }
-  posix_spawn_file_actions_destroy(&actions);
 }
 
 gateway_process::~gateway_process() {

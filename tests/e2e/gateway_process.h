@@ -1,6 +1,7 @@
 // One run of build/dist/tarngateway for a whole-process test: started with the test's
-// environment (its sandbox), standard output and error into files of the sandbox, and killed
-// and reaped at the end if the test didn't end it. Only this PID is ever signalled.
+// environment (its sandbox), standard output and error into files of the sandbox, killed and
+// reaped at the end if the test didn't end it, and killed by the kernel should the test
+// process die first. Only this PID is ever signalled.
 #pragma once
 
 #include <sys/types.h>
