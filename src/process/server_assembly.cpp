@@ -35,12 +35,15 @@ void set_close_on_exec(int fd) {
     TARN_TRACE(kTraceError, "fcntl(%d, FD_CLOEXEC) failed: %s", fd, std::strerror(errno));
 }
 
-}  // namespace
-
+// The feature flags of the current user; the bit of value 4 switches the "/logs" page on. Read
+// once, here: a change needs a new start.
 bool logs_page_enabled() {
-  CConvRegKey features(reg_root::current_user, kFeatureKey, kFeatureValue, DWORD{0});
+  CConvRegKey features(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
+                       "Tarn_GateWay_fetatures", DWORD{0});
   return ((features.read_as_number() >> 2) & 1) != 0;
 }
+
+}  // namespace
 
 std::shared_ptr<TThreadedServer> assemble_server(std::shared_ptr<TaskWorker> worker,
                                                  std::shared_ptr<TServerEventHandler> events,

@@ -12,9 +12,6 @@ namespace tarn {
 class TaskWorker;
 
 inline constexpr int kGatewayPort = 9090;
-// Where the "/logs" switch lives: bit 2 (value 4) of this DWORD in the current user's store.
-inline constexpr const char* kFeatureKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
-inline constexpr const char* kFeatureValue = "Tarn_GateWay_fetatures";
 
 // The server, not yet listening; serve() opens the port. The listening socket and every
 // accepted one are close-on-exec, so helpers the gateway starts don't keep the port.
@@ -23,8 +20,5 @@ inline constexpr const char* kFeatureValue = "Tarn_GateWay_fetatures";
 std::shared_ptr<apache::thrift::server::TThreadedServer> assemble_server(
     std::shared_ptr<TaskWorker> worker,
     std::shared_ptr<apache::thrift::server::TServerEventHandler> events, int port = kGatewayPort);
-
-// True when the current user's store switches the "/logs" page on.
-bool logs_page_enabled();
 
 }  // namespace tarn
