@@ -176,7 +176,8 @@ void attach_document::insert(const std::string& path, const insert_options& opti
   sources_.push_back(std::move(source));
 }
 
-void attach_document::save(const std::string& path, bool linearize, const std::string& producer) {
+void attach_document::save(const std::string& path, bool linearize, bool flush,
+                           const std::string& producer) {
   if (!producer.empty()) {
     QPDFObjectHandle trailer = pdf_->getTrailer();
     QPDFObjectHandle info = trailer.getKey("/Info");
@@ -211,7 +212,7 @@ void attach_document::save(const std::string& path, bool linearize, const std::s
   writer.setOutputFile(temp_path.c_str(), file, false);
   writer.setLinearization(linearize);
   writer.write();
-  if (fflush(file) != 0 || fsync(fd) != 0) throw_system("write " + temp_path);
+  if (fflush(file) != 0 || (flush && fsync(fd) != 0)) throw_system("write " + temp_path);
   if (fclose(closer.release()) != 0) throw_system("close " + temp_path);
   if (rename(temp_path.c_str(), path.c_str()) != 0) throw_system("rename onto " + path);
   temp.release();

@@ -31,10 +31,10 @@ class attach_document {
 
   void insert(const std::string& path, const insert_options& options);
 
-  // Writes to a temporary file beside `path`, flushed to disk, which then replaces `path`
-  // (keeping its permissions). On failure `path` is untouched and no temporary file is left.
-  // A non-empty `producer` goes into the document information.
-  void save(const std::string& path, bool linearize, const std::string& producer);
+  // Writes to a temporary file beside `path` (synced to disk when `flush`), which then
+  // replaces `path`, keeping its permissions. On failure `path` is untouched and no temporary
+  // file is left. A non-empty `producer` goes into the document information.
+  void save(const std::string& path, bool linearize, bool flush, const std::string& producer);
 
  private:
   explicit attach_document(std::unique_ptr<QPDF> pdf) : pdf_(std::move(pdf)) {}

@@ -129,7 +129,8 @@ class pdf_attach final : public IPdfAttach {
     return guarded("AttachSave", path, [&] {
       auto found = documents_.find(handle);
       if (found == documents_.end()) return kErrorInvalidHandle;
-      found->second->save(path, (flags & kAttachSaveLinearize) != 0, producer_);
+      found->second->save(path, (flags & kAttachSaveLinearize) != 0,
+                          (flags & kAttachSaveFlush) != 0, producer_);
       return S_OK;
     });
   }

@@ -18,8 +18,10 @@ constexpr int32_t kNoAttachDocument = -1;
 // Flags of AttachInsert. 0: a damaged file that can be repaired is taken, as the qpdf command
 // takes it.
 constexpr int32_t kAttachInsertStrict = 1;  // refuse a file that reads only with repairs
-// Flags of AttachSave. 0: written as is, object streams kept.
+// Flags of AttachSave. 0: written as is, object streams kept, not forced to disk (the gateway
+// joins into its private temporary folder for the length of one task).
 constexpr int32_t kAttachSaveLinearize = 1;  // web-optimised (linearized) output
+constexpr int32_t kAttachSaveFlush = 2;      // on disk before it replaces the old file
 
 // Methods in the order the gateway's contract lists them. Every method returns a failure code
 // for bad input, never throws, and leaves the document as it was when it fails.

@@ -177,7 +177,7 @@ TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
   EXPECT_EQ(attach_->AttachSave(target, kNoAttachDocument, 0), kInvalidHandle);
   EXPECT_EQ(test::pdf_page_labels(target), labels{"a.1"});
 
-  ASSERT_EQ(attach_->AttachSave(target, handle, kAttachSaveLinearize), S_OK);
+  ASSERT_EQ(attach_->AttachSave(target, handle, kAttachSaveLinearize | kAttachSaveFlush), S_OK);
   struct stat st;
   ASSERT_EQ(stat(target.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0640u);
