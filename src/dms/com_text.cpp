@@ -29,6 +29,7 @@ constexpr hresult_message kMessages[] = {
     {0x80070003u, "The system cannot find the path specified."},
     {0x80070005u, "Access is denied."},
     {0x80070006u, "The handle is invalid."},
+    {0x8007000Du, "The data is invalid."},
     {0x8007000Eu, "Not enough memory resources are available to complete this operation."},
     {0x80070013u, "The media is write protected."},
     {0x80070020u,
@@ -39,6 +40,7 @@ constexpr hresult_message kMessages[] = {
     {0x8007007Bu, "The filename, directory name, or volume label syntax is incorrect."},
     {0x8007007Eu, "The specified module could not be found."},
     {0x8007007Fu, "The specified procedure could not be found."},
+    {0x800700AAu, "The requested resource is in use."},
     {0x800700B7u, "Cannot create a file when that file already exists."},
     {0x8007056Bu, "The specified network password is not correct."},
 };

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "support/register_component.h"
 #include "support/test_env.h"
@@ -29,19 +30,24 @@ std::string replace_all(std::string text, const std::string& from, const std::st
 // What a create-PDF command does with one document, closing every item it was given.
 struct flow_result {
   std::string item_id, saved_item_id;
+  std::filesystem::path local_file;
   int closed = 0;
 };
 
-flow_result run_create_pdf(DMS_connector_handler& dms, const std::filesystem::path& pdf) {
+flow_result run_create_pdf(DMS_connector_handler& dms, const std::filesystem::path& pdf,
+                           const std::string& connection = "lib",
+                           const std::string& location = "ws",
+                           const std::string& doc_ref = "4711.3",
+                           int32_t mode = kSaveNewRelatedDocument) {
   flow_result r;
-  auto info = dms.get_file_info("lib", "ws", "4711.3");
+  auto info = dms.get_file_info(connection, location, doc_ref);
   if (!info) return r;
-  r.item_id = dms.download_file("lib", "ws", "4711.3");
-  if (!r.item_id.empty()) dms.get_localfilename("lib", r.item_id);
-  r.saved_item_id = dms.save_file_to_DMS(kSaveNewRelatedDocument, pdf, "lib", "ws", info->folder,
-                                         info->pdf_name(), "4711.3");
-  if (!r.item_id.empty()) r.closed += dms.close_dms_file("lib", r.item_id);
-  if (!r.saved_item_id.empty()) r.closed += dms.close_dms_file("lib", r.saved_item_id);
+  r.item_id = dms.download_file(connection, location, doc_ref);
+  if (!r.item_id.empty()) r.local_file = dms.get_localfilename(connection, r.item_id);
+  r.saved_item_id = dms.save_file_to_DMS(mode, pdf, connection, location, info->folder,
+                                         info->pdf_name(), doc_ref);
+  if (!r.item_id.empty()) r.closed += dms.close_dms_file(connection, r.item_id);
+  if (!r.saved_item_id.empty()) r.closed += dms.close_dms_file(connection, r.saved_item_id);
   return r;
 }
 
@@ -283,6 +289,145 @@ TEST_F(DMS_connector_handler_test, EmptyIdsAndMissingFilesNeverReachTheConnector
                    "\": File name too long\n"
                    "DMS_connector_handler::save_file_to_DMS() -> \n" +
                    kClosing));
+}
+
+// The same operations against the shipped connector and its store on this machine.
+class DMS_connector_handler_local_store_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    test::register_component(reg_root::local_machine, kClsidDmsConnector,
+                             std::string(TARN_DIST_DIR) + "/dms_local.so");
+    source_ = env_.root() / "in" / "report.docx";
+    test::write_file(source_, "the report");
+    pdf_ = env_.root() / "out" / "report.pdf";
+    test::write_file(pdf_, "%PDF-1.4 the report as PDF");
+  }
+  // The local copies the connector holds open, under the private temporary folder.
+  std::vector<std::filesystem::path> local_copies() {
+    std::vector<std::filesystem::path> copies;
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(env_.tmp() / "dms_local", ec);
+         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
+      if (it->is_regular_file()) copies.push_back(it->path());
+    return copies;
+  }
+
+  std::filesystem::path source_, pdf_;
+  std::shared_ptr<simple_log> log_ = std::make_shared<simple_log>("start");
+};
+
+TEST_F(DMS_connector_handler_local_store_test, StoresThePdfInEachModeAndClosesEverything) {
+  auto dms = std::make_unique<DMS_connector_handler>(log_);
+  const std::string seeded =
+      dms->save_file_to_DMS(kSaveNewDocument, source_, "", "Inbox", "", "report.docx", "");
+  ASSERT_EQ(seeded, "1.1@1");
+  EXPECT_TRUE(dms->close_dms_file("", seeded));
+
+  flow_result related = run_create_pdf(*dms, pdf_, "", "Inbox", "1.1", kSaveNewRelatedDocument);
+  EXPECT_EQ(related.saved_item_id, "2.1@3");
+  EXPECT_EQ(related.closed, 2);
+  flow_result version = run_create_pdf(*dms, pdf_, "", "Inbox", "1.1", kSaveNewVersion);
+  EXPECT_EQ(version.saved_item_id, "1.2@5");
+  EXPECT_EQ(local_copies(), std::vector<std::filesystem::path>{});
+
+  // The local copy lay in the connector's cache and had the stored content.
+  const std::string cache = (env_.tmp() / "dms_local").string() + "/";
+  EXPECT_EQ(related.local_file.string().rfind(cache, 0), 0u) << related.local_file;
+  EXPECT_EQ(related.local_file.filename(), "report.docx");
+  EXPECT_FALSE(std::filesystem::exists(related.local_file));
+
+  for (const auto& [ref, extension, version_text] :
+       {std::tuple{"2.1", "pdf", "1"}, std::tuple{"1.2", "pdf", "2"},
+        std::tuple{"1.1", "docx", "1"}}) {
+    SCOPED_TRACE(ref);
+    auto info = dms->get_file_info("", "Inbox", ref);
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->name, "report");
+    EXPECT_EQ(info->extension, extension);
+    EXPECT_EQ(info->version, version_text);
+    EXPECT_EQ(info->folder, "Inbox");
+  }
+  dms.reset();
+
+  const std::string one_flow =
+      "DMS_connector_handler::get_file_info(\"\", \"Inbox\", \"1.1\")\n"
+      "DMS_connector_handler::get_file_info() -> retval.name: report\n"
+      "DMS_connector_handler::download_file(\"\", \"Inbox, \"1.1\", 2)\n"
+      "DMS_connector_handler::download_file() -> 1.1@{I}\n"
+      "DMS_connector_handler::get_localfilename(\"\", \"1.1@{I}\")\n"
+      "DMS_connector_handler::get_localfilename() -> {LOCAL}\n"
+      "DMS_connector_handler::save_file_to_DMS(\"{PDF}\", \", \"Inbox, \"Inbox\", "
+      "\"report.pdf\", \"1.1\")\n"
+      "DMS_connector_handler::save_file_to_DMS() -> {S}\n"
+      "DMS_connector_handler::close_dms_file(\"\", \"1.1@{I}\")\n"
+      "DMS_connector_handler::close_dms_file() -> S_OK\n"
+      "DMS_connector_handler::close_dms_file(\"\", \"{S}\")\n"
+      "DMS_connector_handler::close_dms_file() -> S_OK\n";
+  auto flow_log = [&](const flow_result& r) {
+    std::string text = replace_all(one_flow, "{I}", r.item_id.substr(r.item_id.find('@') + 1));
+    text = replace_all(text, "{LOCAL}", r.local_file.string());
+    return replace_all(text, "{S}", r.saved_item_id);
+  };
+  std::string expected = std::string(kCreated) + "DMS_connector_handler::save_file_to_DMS(\"" +
+                         source_.string() +
+                         "\", \", \"Inbox, \"\", \"report.docx\", \"\")\n"
+                         "DMS_connector_handler::init\n"
+                         "DMS_connector_handler::save_file_to_DMS() -> 1.1@1\n"
+                         "DMS_connector_handler::close_dms_file(\"\", \"1.1@1\")\n"
+                         "DMS_connector_handler::close_dms_file() -> S_OK\n" +
+                         flow_log(related) + flow_log(version);
+  for (const char* ref : {"2.1", "1.2", "1.1"}) {
+    expected += std::string("DMS_connector_handler::get_file_info(\"\", \"Inbox\", \"") + ref +
+                "\")\nDMS_connector_handler::get_file_info() -> retval.name: report\n";
+  }
+  expected += kClosing;
+  EXPECT_EQ(log_texts(*log_), replace_all(expected, "{PDF}", pdf_.string()));
+}
+
+TEST_F(DMS_connector_handler_local_store_test, BadReferencesAndLostContentFailWithTheirLines) {
+  {
+    DMS_connector_handler dms(log_);
+    ASSERT_EQ(dms.save_file_to_DMS(kSaveNewDocument, source_, "", "", "", "report.docx", ""),
+              "1.1@1");
+    EXPECT_TRUE(dms.close_dms_file("", "1.1@1"));
+    log_ = std::make_shared<simple_log>("start");
+  }
+  // A new handler on the fresh log, so that the lines below are all of it.
+  DMS_connector_handler dms(log_);
+  EXPECT_EQ(dms.get_file_info("", "", "99.1"), nullptr);
+  EXPECT_EQ(dms.download_file("", "", "not-a-ref"), "");
+  EXPECT_EQ(dms.save_file_to_DMS(kSaveNewVersion, pdf_, "", "", "", "x.pdf", "99.1"), "");
+  EXPECT_FALSE(dms.close_dms_file("", "1.1@1"));  // closed already
+  // The stored content vanished: the document is described but can't be fetched.
+  const auto store = env_.home() / ".local/share/vantu/dms";
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(store))
+    if (entry.is_regular_file() && entry.path().string().find("/content/") != std::string::npos)
+      std::filesystem::remove(entry.path());
+  EXPECT_EQ(dms.download_file("", "", "1.1"), "");
+  EXPECT_EQ(local_copies(), std::vector<std::filesystem::path>{});
+
+  EXPECT_EQ(log_texts(*log_),
+            std::string(kCreated) +
+                "DMS_connector_handler::get_file_info(\"\", \"\", \"99.1\")\n"
+                "DMS_connector_handler::init\n"
+                "pDMSHelper->DocGetProperties(\"\", \"\", \"99.1\") -> 0x80070002 (The system "
+                "cannot find the file specified.)\n"
+                "DMS_connector_handler::download_file(\"\", \", \"not-a-ref\", 2)\n"
+                "DMS_connector_handler::download_file() -> \"\"\n"
+                "DMS_connector_handler::save_file_to_DMS(\"" +
+                pdf_.string() +
+                "\", \", \", \"\", \"x.pdf\", \"99.1\")\n"
+                "DMS_connector_handler::save_file_to_DMS() -> 0x80070002 (The system cannot find "
+                "the file specified.)\n"
+                "DMS_connector_handler::close_dms_file(\"\", \"1.1@1\")\n"
+                "pDMSHelper->DocClose(\"\", \"1.1@1\", DMSConnector::CLOSE_NORMAL) -> 0x80070057 "
+                "(The parameter is incorrect.)\n"
+                "DMS_connector_handler::close_dms_file() -> 0x80070057 (The parameter is "
+                "incorrect.)\n"
+                "DMS_connector_handler::download_file(\"\", \", \"1.1\", 2)\n"
+                "pDMSHelper->DocOpen(\"\", \"1.1@1\", 2) -> 0x80070002 (The system cannot find "
+                "the file specified.)\n"
+                "DMS_connector_handler::download_file() -> \"\"\n");
 }
 
 }  // namespace
