@@ -138,8 +138,8 @@ bool version_answered() {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bool answered = false;
   if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    const std::string request = "POST / HTTP/1.1\r\nContent-Length: " +
-                                std::to_string(kCall.size()) + "\r\n\r\n" + kCall;
+    const std::string request =
+        "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(kCall.size()) + "\r\n\r\n" + kCall;
     if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
         static_cast<ssize_t>(request.size())) {
       std::string reply;
@@ -261,10 +261,11 @@ std::filesystem::path make_sandbox() {
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "--stock-server") == 0) return run_stock_server();
   if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-    std::printf("usage: startup_bench [RUNS]\n"
-                "Times tarngateway from start to its first get_version reply and reads its\n"
-                "idle memory, against a stock Thrift HTTP server and a bare QApplication.\n"
-                "Port 9090 must be free.\n");
+    std::printf(
+        "usage: startup_bench [RUNS]\n"
+        "Times tarngateway from start to its first get_version reply and reads its\n"
+        "idle memory, against a stock Thrift HTTP server and a bare QApplication.\n"
+        "Port 9090 must be free.\n");
     return 0;
   }
   int runs = 9;
@@ -290,8 +291,7 @@ int main(int argc, char** argv) {
   const std::string gateway = std::string(TARN_DIST_DIR) + "/tarngateway";
   const std::string bare_qt = std::filesystem::path(self).parent_path() / "startup_bench_qt";
 
-  std::vector<double> stock_ms, stock_rss, stock_hwm, ours_ms, ours_rss, ours_hwm, qt_rss,
-      qt_hwm;
+  std::vector<double> stock_ms, stock_rss, stock_hwm, ours_ms, ours_rss, ours_hwm, qt_rss, qt_hwm;
   int failures = 0;
   for (int i = 0; i <= runs; ++i) {  // run 0 warms the caches and isn't counted
     std::fprintf(stderr, "\rrun %d of %d", i, runs);

@@ -7,9 +7,7 @@
 
 namespace tarn {
 
-CMainFrame::CMainFrame(CTarnGateWayApp& app) : app_(app) {
-  setObjectName("TarnGateWayMainFrame");
-}
+CMainFrame::CMainFrame(CTarnGateWayApp& app) : app_(app) { setObjectName("TarnGateWayMainFrame"); }
 
 bool CMainFrame::event(QEvent* event) {
   if (event->type() != kRunPendingEvent) return QObject::event(event);

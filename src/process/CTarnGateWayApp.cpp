@@ -52,9 +52,8 @@ int CTarnGateWayApp::ExitInstance(int loop_code) {
 
 int CTarnGateWayApp::listening_port(std::chrono::milliseconds wait) const {
   if (!lifecycle_ || !lifecycle_->wait_listening(wait)) return 0;
-  auto socket =
-      std::dynamic_pointer_cast<apache::thrift::transport::TServerSocket>(
-          server_->getServerTransport());
+  auto socket = std::dynamic_pointer_cast<apache::thrift::transport::TServerSocket>(
+      server_->getServerTransport());
   return socket ? socket->getPort() : 0;
 }
 

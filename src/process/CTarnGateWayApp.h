@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "process/exit_codes.h"
-#include "process/server_assembly.h"
 #include "process/probe.h"
+#include "process/server_assembly.h"
 
 namespace tarn {
 

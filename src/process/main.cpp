@@ -44,9 +44,10 @@ void use_offscreen_without_display() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App cli("The Vantu Tarn gateway: lets the document management web client hand work to "
-               "the PDF tools of this machine.",
-               "tarngateway");
+  CLI::App cli(
+      "The Vantu Tarn gateway: lets the document management web client hand work to "
+      "the PDF tools of this machine.",
+      "tarngateway");
   cli.set_version_flag("--version", tarn::kVersionText);
   cli.footer(kFooter);
   try {

@@ -33,7 +33,7 @@ web::http::method method_of(const std::string& verb) {
   std::transform(upper.begin(), upper.end(), upper.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   const std::array<const web::http::method*, 10> known = {
-      &methods::GET,  &methods::POST,    &methods::PUT,  &methods::DEL,   &methods::HEAD,
+      &methods::GET,     &methods::POST, &methods::PUT,     &methods::DEL,   &methods::HEAD,
       &methods::OPTIONS, &methods::TRCE, &methods::CONNECT, &methods::MERGE, &methods::PATCH};
   for (const web::http::method* m : known) {
     if (upper == *m) return *m;

@@ -41,8 +41,8 @@ class e2e_test : public sandboxed_test {
   std::unique_ptr<gateway_process> start_listening(const std::string& name) {
     auto gateway = std::make_unique<gateway_process>(env_.root(), name);
     EXPECT_TRUE(gateway->started());
-    EXPECT_TRUE(gateway->wait_listening())
-        << "the gateway didn't listen; its standard error:\n" << gateway->error_output();
+    EXPECT_TRUE(gateway->wait_listening()) << "the gateway didn't listen; its standard error:\n"
+                                           << gateway->error_output();
     return gateway;
   }
 
@@ -57,7 +57,8 @@ class e2e_test : public sandboxed_test {
 // A POST of `body` to "/" as a browser sends it.
 inline std::string post_request(const std::string& body) {
   return "POST / HTTP/1.1\r\nHost: localhost:9090\r\nContent-Type: application/x-thrift\r\n"
-         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+         "Content-Length: " +
+         std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 // True when `err` holds the diagnostic line "[85] info FILE:LINE: " + text.

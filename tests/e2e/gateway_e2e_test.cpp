@@ -22,7 +22,8 @@ const std::string kSendCall =
     R"([1,"send_command",1,7,{"1":{"i32":0},"2":{"str":"ctx-a"},"3":{"str":"ctx-b"},"4":{"set":["str",2,"doc-1","doc-2"]}}])";
 const std::string kSendReply = R"([1,"send_command",2,7,{}])";
 const std::string kNopeCall = R"([1,"nope",1,3,{}])";
-const std::string kNopeReply = R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])";
+const std::string kNopeReply =
+    R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])";
 
 const std::string kAlreadyRunning =
     "TarnGateWay.exe already run, it can't serve more than one Windows user, stop this instance.";
@@ -72,8 +73,10 @@ TEST_F(gateway_e2e_test, WorkedMessagesAndExchangesAreByteExact) {
     const struct {
       const std::string& call;
       const std::string& reply;
-    } calls[] = {{kVersionCall, kVersionReply}, {kSendCall, kSendReply},
-                 {kNopeCall, kNopeReply},       {kVersionCall, kVersionReply}};
+    } calls[] = {{kVersionCall, kVersionReply},
+                 {kSendCall, kSendReply},
+                 {kNopeCall, kNopeReply},
+                 {kVersionCall, kVersionReply}};
     for (const auto& c : calls) {
       SCOPED_TRACE(c.call);
       ASSERT_TRUE(client.send(post_request(c.call)));
@@ -117,7 +120,8 @@ TEST_F(gateway_e2e_test, WorkedMessagesAndExchangesAreByteExact) {
                 std::to_string(body.size()) +
                 "\r\nAccess-Control-Allow-Origin: *\r\nDate: <date>\r\n\r\n");
   EXPECT_TRUE(logs.ends_with("\n\r\n"));
-  const std::string time = "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}";
+  const std::string time =
+      "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}";
   const std::string expected[] = {
       time + ", Vantu Tarn \\(version 5\\.0\\) GateWay started",
       std::string(54, '-'),
@@ -204,8 +208,7 @@ TEST_F(gateway_e2e_test, ASecondInstanceGivesUpAfterOneGetWhileTheFirstGoesOn) {
 TEST_F(gateway_e2e_test, AServerMachineNeverOpensThePortNorAsksIt) {
   write_file(env_.root() / "machine-info", "CHASSIS=server\n");
   canned_http_server other(
-      canned_http_server::reply("200 OK", "text/html", "<title>Vantu Tarn gateway</title>"),
-      kPort);
+      canned_http_server::reply("200 OK", "text/html", "<title>Vantu Tarn gateway</title>"), kPort);
   gateway_process gateway(env_.root(), "server");
   EXPECT_EQ(gateway.wait_exit(30s), std::optional<int>(4));
   EXPECT_TRUE(other.requests().empty()) << "the probe ran on a server";

@@ -23,9 +23,8 @@ class install_test : public e2e_test {};
 
 TEST_F(install_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   const auto prefix = env_.root() / "prefix";
-  const program_result install =
-      run_program({TARN_CMAKE_COMMAND, "--install", TARN_BINARY_DIR, "--prefix", prefix.string()},
-                  "", 120s);
+  const program_result install = run_program(
+      {TARN_CMAKE_COMMAND, "--install", TARN_BINARY_DIR, "--prefix", prefix.string()}, "", 120s);
   ASSERT_EQ(install.exit_code, 0) << install.out << install.err;
 
   const auto unit_path = prefix / "lib/systemd/user/tarngateway.service";
@@ -42,9 +41,9 @@ TEST_F(install_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   EXPECT_TRUE(st.st_mode & S_IXUSR) << gateway;
 
   const auto runtime = env_.root() / "run";
-  const program_result verify = run_program(
-      {"/usr/bin/env", "XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "--user",
-       "verify", "--man=no", unit_path.string()});
+  const program_result verify =
+      run_program({"/usr/bin/env", "XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze",
+                   "--user", "verify", "--man=no", unit_path.string()});
   EXPECT_EQ(verify.exit_code, 0) << verify.err;
   EXPECT_EQ(verify.out + verify.err, "");
   const program_result validate =
@@ -59,8 +58,7 @@ TEST_F(install_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   ASSERT_TRUE(client.send("GET / HTTP/1.1\r\n\r\n"));
   const std::string page = client.read_to_close();
   EXPECT_TRUE(page.starts_with("HTTP/1.1 200 OK\r\nContent-Type: text/html\r\n")) << page;
-  EXPECT_NE(page.find(read_file(prefix / "lib/vantu-tarn/www-data/index.html")),
-            std::string::npos);
+  EXPECT_NE(page.find(read_file(prefix / "lib/vantu-tarn/www-data/index.html")), std::string::npos);
   stop(*installed);
 }
 

@@ -16,12 +16,12 @@ class start_page_test : public e2e_test {
   program_result render(const std::string& url) {
     const auto profile = env_.root() / "chromium-profile";
     std::filesystem::create_directories(profile);
-    return run_program({kChromium, "--headless", "--no-sandbox", "--disable-gpu",
-                        "--disable-quic", "--no-first-run", "--disable-background-networking",
-                        "--disable-component-update", "--disable-sync",
-                        "--user-data-dir=" + profile.string(), "--virtual-time-budget=10000",
-                        "--dump-dom", url},
-                       "", 90s);
+    return run_program(
+        {kChromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+         "--no-first-run", "--disable-background-networking", "--disable-component-update",
+         "--disable-sync", "--user-data-dir=" + profile.string(), "--virtual-time-budget=10000",
+         "--dump-dom", url},
+        "", 90s);
   }
 
   static constexpr const char* kChromium = "/usr/bin/chromium";

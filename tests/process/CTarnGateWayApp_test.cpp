@@ -112,9 +112,7 @@ class CTarnGateWayApp_test : public test::sandboxed_test {
   }
 
   // Port 0 for the server, and a probe that finds nothing.
-  CTarnGateWayApp::settings free_port() {
-    return CTarnGateWayApp::settings{0, nothing_.uri()};
-  }
+  CTarnGateWayApp::settings free_port() { return CTarnGateWayApp::settings{0, nothing_.uri()}; }
 
   canned_http_server nothing_{""};
 };

@@ -64,8 +64,8 @@ std::vector<std::string> canned_http_server::requests() const {
 std::string canned_http_server::reply(const std::string& status, const std::string& type,
                                       const std::string& body) {
   return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
-         "\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nConnection: close\r\n\r\n" + body;
+         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
+         body;
 }
 
 void canned_http_server::run() {

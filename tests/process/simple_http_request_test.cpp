@@ -23,9 +23,9 @@ TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
     const char* verb;
     const char* method;
   } verbs[] = {
-      {"get", "GET"},       {"Put", "PUT"},         {"post", "POST"},       {"delete", "DELETE"},
-      {"HEAD", "HEAD"},     {"options", "OPTIONS"}, {"trace", "TRACE"},     {"connect", "CONNECT"},
-      {"merge", "MERGE"},   {"pAtCh", "PATCH"},     {"fetch", "GET"},       {"DEL", "GET"},
+      {"get", "GET"},     {"Put", "PUT"},         {"post", "POST"},   {"delete", "DELETE"},
+      {"HEAD", "HEAD"},   {"options", "OPTIONS"}, {"trace", "TRACE"}, {"connect", "CONNECT"},
+      {"merge", "MERGE"}, {"pAtCh", "PATCH"},     {"fetch", "GET"},   {"DEL", "GET"},
   };
   for (const auto& v : verbs) {
     SCOPED_TRACE(v.verb);
@@ -101,8 +101,7 @@ TEST(simple_http_request_test, ProbeCountsOnlyStatus200WithTheWordInTheBody) {
       {"status 500", canned_http_server::reply("500 Internal Server Error", "text/html", "Vantu"),
        false},
       {"status 404", canned_http_server::reply("404 Not Found", "text/html", "Vantu"), false},
-      {"not text", canned_http_server::reply("200 OK", "application/octet-stream", "Vantu"),
-       false},
+      {"not text", canned_http_server::reply("200 OK", "application/octet-stream", "Vantu"), false},
       {"connection closed without a reply", "", false},
       {"garbage instead of HTTP", "Vantu Vantu Vantu\r\n\r\n", false},
   };
