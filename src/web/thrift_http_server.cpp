@@ -14,6 +14,8 @@
 #include <optional>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "web/web_content.h"
 
 namespace tarn {
@@ -143,6 +145,34 @@ thrift_http_server::thrift_http_server(std::shared_ptr<TTransport> transport,
       dynamic_(std::move(dynamic)) {}
 
 thrift_http_server::~thrift_http_server() = default;
+
+uint32_t thrift_http_server::read_virt(uint8_t* buf, uint32_t len) {
+  if (readBuffer_.available_read() == 0 && !take_body()) return 0;
+  return THttpServer::read(buf, len);
+}
+
+uint32_t thrift_http_server::readAll_virt(uint8_t* buf, uint32_t len) {
+  uint32_t have = 0;
+  while (have < len) {
+    const uint32_t got = read_virt(buf + have, len - have);
+    if (got == 0) throw TTransportException(TTransportException::END_OF_FILE, "No more data to read.");
+    have += got;
+  }
+  return have;
+}
+
+bool thrift_http_server::take_body() {
+  readBuffer_.resetBuffer();
+  if (readMoreData() == 0) return false;
+  while (chunked_ && !chunkedDone_) readChunked();
+  uint8_t* body = nullptr;
+  uint32_t size = 0;
+  readBuffer_.getBuffer(&body, &size);
+  if (!nlohmann::json::accept(body, body + size)) {
+    throw TTransportException(TTransportException::CORRUPTED_DATA, "request body isn't JSON");
+  }
+  return true;
+}
 
 uint32_t thrift_http_server::readEnd() {
   const uint32_t read = THttpServer::readEnd();
