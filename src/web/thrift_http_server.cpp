@@ -1,6 +1,7 @@
 #include "web/thrift_http_server.h"
 
 #include <strings.h>
+#include <sys/socket.h>
 #include <thrift/TConfiguration.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
@@ -51,15 +52,17 @@ class request_reader : public TVirtualTransport<request_reader> {
     // Only the very first read of a connection comes before the transport has any state.
     const bool idle = !started_ || between_requests_();
     started_ = true;
+    uint32_t got = 0;
     if (idle) {
       used_ = 0;
       if (armed_) set_receive_timeout(0);
       armed_ = false;
-    } else if (!armed_) {
-      set_receive_timeout(timeout_ms_);
+      got = socket_->read(buf, len);
+    } else if (!take_ready(buf, len, &got)) {
+      if (!armed_) set_receive_timeout(timeout_ms_);
       armed_ = true;
+      got = socket_->read(buf, len);
     }
-    const uint32_t got = socket_->read(buf, len);
     used_ += got;
     if (used_ > budget_) {
       throw TTransportException(TTransportException::CORRUPTED_DATA,
@@ -77,6 +80,16 @@ class request_reader : public TVirtualTransport<request_reader> {
   const std::string getOrigin() const override { return socket_->getOrigin(); }
 
  private:
+  // Takes what the socket already holds without waiting, so that a request whose rest is in
+  // costs no time-out changes; false when the read has to wait (or fails: TSocket handles it).
+  bool take_ready(uint8_t* buf, uint32_t len, uint32_t* got) {
+    if (tsocket_ == nullptr) return false;
+    const ssize_t n = ::recv(tsocket_->getSocketFD(), buf, len, MSG_DONTWAIT);
+    if (n < 0) return false;
+    *got = static_cast<uint32_t>(n);
+    return true;
+  }
+
   void set_receive_timeout(int ms) {
     if (tsocket_ != nullptr) tsocket_->setRecvTimeout(ms);
   }
