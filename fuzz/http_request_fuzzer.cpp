@@ -4,10 +4,7 @@
 // bodies arrive in pieces. Only Thrift's transport and protocol exceptions may end the
 // connection; anything else escaping would end the gateway's process, and is a finding here.
 #include <stdlib.h>
-
-#include <string>  // thrift/TOutput.h uses std::string without including it
-
-#include <thrift/TOutput.h>
+#include <thrift/Thrift.h>
 #include <thrift/protocol/TJSONProtocol.h>
 #include <thrift/transport/TTransportException.h>
 #include <thrift/transport/TVirtualTransport.h>
@@ -18,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <string>
 
 #include "log/simple_log.h"
 #include "tasks/TarnGateWayHandler.h"

@@ -1,6 +1,7 @@
 #include "web/thrift_http_server.h"
 
 #include <strings.h>
+#include <sys/socket.h>
 #include <thrift/TConfiguration.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
@@ -13,6 +14,8 @@
 #include <functional>
 #include <optional>
 #include <utility>
+
+#include <nlohmann/json.hpp>
 
 #include "web/web_content.h"
 
@@ -49,15 +52,17 @@ class request_reader : public TVirtualTransport<request_reader> {
     // Only the very first read of a connection comes before the transport has any state.
     const bool idle = !started_ || between_requests_();
     started_ = true;
+    uint32_t got = 0;
     if (idle) {
       used_ = 0;
       if (armed_) set_receive_timeout(0);
       armed_ = false;
-    } else if (!armed_) {
-      set_receive_timeout(timeout_ms_);
+      got = socket_->read(buf, len);
+    } else if (!take_ready(buf, len, &got)) {
+      if (!armed_) set_receive_timeout(timeout_ms_);
       armed_ = true;
+      got = socket_->read(buf, len);
     }
-    const uint32_t got = socket_->read(buf, len);
     used_ += got;
     if (used_ > budget_) {
       throw TTransportException(TTransportException::CORRUPTED_DATA,
@@ -75,6 +80,16 @@ class request_reader : public TVirtualTransport<request_reader> {
   const std::string getOrigin() const override { return socket_->getOrigin(); }
 
  private:
+  // Takes what the socket already holds without waiting, so that a request whose rest is in
+  // costs no time-out changes; false when the read has to wait (or fails: TSocket handles it).
+  bool take_ready(uint8_t* buf, uint32_t len, uint32_t* got) {
+    if (tsocket_ == nullptr) return false;
+    const ssize_t n = ::recv(tsocket_->getSocketFD(), buf, len, MSG_DONTWAIT);
+    if (n < 0) return false;
+    *got = static_cast<uint32_t>(n);
+    return true;
+  }
+
   void set_receive_timeout(int ms) {
     if (tsocket_ != nullptr) tsocket_->setRecvTimeout(ms);
   }
@@ -143,6 +158,34 @@ thrift_http_server::thrift_http_server(std::shared_ptr<TTransport> transport,
       dynamic_(std::move(dynamic)) {}
 
 thrift_http_server::~thrift_http_server() = default;
+
+uint32_t thrift_http_server::read_virt(uint8_t* buf, uint32_t len) {
+  if (readBuffer_.available_read() == 0 && !take_body()) return 0;
+  return THttpServer::read(buf, len);
+}
+
+uint32_t thrift_http_server::readAll_virt(uint8_t* buf, uint32_t len) {
+  uint32_t have = 0;
+  while (have < len) {
+    const uint32_t got = read_virt(buf + have, len - have);
+    if (got == 0) throw TTransportException(TTransportException::END_OF_FILE, "No more data to read.");
+    have += got;
+  }
+  return have;
+}
+
+bool thrift_http_server::take_body() {
+  readBuffer_.resetBuffer();
+  if (readMoreData() == 0) return false;
+  while (chunked_ && !chunkedDone_) readChunked();
+  uint8_t* body = nullptr;
+  uint32_t size = 0;
+  readBuffer_.getBuffer(&body, &size);
+  if (!nlohmann::json::accept(body, body + size)) {
+    throw TTransportException(TTransportException::CORRUPTED_DATA, "request body isn't JSON");
+  }
+  return true;
+}
 
 uint32_t thrift_http_server::readEnd() {
   const uint32_t read = THttpServer::readEnd();

@@ -35,6 +35,10 @@ class thrift_http_server : public apache::thrift::transport::THttpServer {
                      const http_request_limits& limits = {});
   ~thrift_http_server() override;
 
+  // The protocol's reads. Each body is taken whole, chunks joined, and must be JSON before
+  // the protocol sees a byte of it: TJSONProtocol takes an empty number for a value.
+  uint32_t read_virt(uint8_t* buf, uint32_t len) override;
+  uint32_t readAll_virt(uint8_t* buf, uint32_t len) override;
   // After a chunked body the next read begins with a request line again, so that a
   // kept-alive connection serves the request that follows (THttpTransport would read it as
   // chunks and drop it).
@@ -47,6 +51,8 @@ class thrift_http_server : public apache::thrift::transport::THttpServer {
   void parseHeader(char* header) override;
 
  private:
+  // Reads the next body into readBuffer_ and checks it; false at its end.
+  bool take_body();
   void serve_get(const std::string& uri);
   // Writes a whole reply at once and makes the next read begin with a request line.
   void send_reply(const std::string& reply);

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <thrift/TOutput.h>
+#include <thrift/Thrift.h>
 
 #include <filesystem>
 #include <memory>
@@ -254,6 +254,10 @@ TEST_F(thrift_http_server_test, BadRequestEndsItsConnectionWithoutAReply) {
       {"POST / HTTP/1.1\r\nContent-length:\r\n\r\n", "bad Content-Length:"},
       {"POST / HTTP/1.1\r\nContent-Length: 4294967320\r\n\r\n",
        "Content-Length over 104857600 bytes: 4294967320"},
+      // TJSONProtocol alone would run these with a made-up command number.
+      {post(R"([1,"send_command",1,5,{"1":{"i32":}}])"), "request body isn't JSON"},
+      {post(R"([1,"send_command",1,5,{"1":{"i32":-}}])"), "request body isn't JSON"},
+      {post(kGetVersion + "[]"), "request body isn't JSON"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.request);
