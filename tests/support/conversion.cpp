@@ -1,0 +1,162 @@
+#include "support/conversion.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+namespace tarn::test {
+namespace {
+
+constexpr const char* kFont = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
+
+std::string xml_escape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+void record_args(int argc, char** argv) {
+  const char* record = std::getenv("TARN_FAKE_RECORD");
+  if (record == nullptr) return;
+  std::string text;
+  for (int i = 1; i < argc; ++i) text += std::string(argv[i]) + "\n";
+  int fd = ::open(record, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  (void)!::write(fd, text.data(), text.size());
+  ::close(fd);
+}
+
+void read_fifo_to_end(const std::string& fifo) {
+  std::ifstream in(fifo);
+  std::string ignored((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+int play_tarnprint(int argc, char** argv) {
+  if (argc != 5 || std::string(argv[1]) != "/p" || std::string(argv[4]) != "/noviewpdf") {
+    std::fprintf(stderr, "tarnprint: usage: tarnprint /p SRC DST /noviewpdf\n");
+    return 64;
+  }
+  const std::string source = argv[2], target = argv[3];
+  std::ifstream in(source);
+  if (!in) {
+    std::fprintf(stderr, "tarnprint: can't open %s\n", source.c_str());
+    return 2;
+  }
+  std::string first;
+  std::getline(in, first);
+  if (first == "FAIL") {
+    std::fprintf(stderr, "tarnprint: can't convert %s: not a document\n", source.c_str());
+    return 2;
+  }
+  if (first == "SILENT") return 0;
+  if (first == "HANG") {
+    std::ofstream(target) << "%PDF-1.4\n% half";
+    while (true) pause();
+  }
+  if (first.rfind("BLOCK ", 0) == 0) read_fifo_to_end(first.substr(6));
+  std::ofstream(target) << "%PDF-1.4\n% printed from " << source << "\n%%EOF\n";
+  return 0;
+}
+
+}  // namespace
+
+void write_zip(const std::filesystem::path& file,
+               const std::vector<std::pair<std::string, std::string>>& entries) {
+  archive* zip = archive_write_new();
+  archive_write_set_format_zip(zip);
+  if (archive_write_open_filename(zip, file.c_str()) != ARCHIVE_OK)
+    throw std::runtime_error("can't write " + file.string());
+  for (const auto& [name, data] : entries) {
+    archive_entry* entry = archive_entry_new();
+    archive_entry_set_pathname(entry, name.c_str());
+    archive_entry_set_size(entry, static_cast<la_int64_t>(data.size()));
+    archive_entry_set_filetype(entry, AE_IFREG);
+    archive_entry_set_perm(entry, 0644);
+    archive_write_header(zip, entry);
+    archive_write_data(zip, data.data(), data.size());
+    archive_entry_free(entry);
+  }
+  archive_write_close(zip);
+  archive_write_free(zip);
+}
+
+void write_xps(const std::filesystem::path& file, const std::vector<std::string>& page_texts,
+               bool oxps) {
+  const std::string font = read_file(kFont);
+  if (font.empty()) throw std::runtime_error(std::string("missing font ") + kFont);
+  const std::string ns = oxps ? "http://schemas.openxps.org/oxps/v1.0"
+                              : "http://schemas.microsoft.com/xps/2005/06";
+  const std::string rel = oxps ? "http://schemas.openxps.org/oxps/v1.0/fixedrepresentation"
+                               : "http://schemas.microsoft.com/xps/2005/06/fixedrepresentation";
+  std::vector<std::pair<std::string, std::string>> entries = {
+      {"_rels/.rels",
+       "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Relationships "
+       "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"><Relationship "
+       "Type=\"" + rel + "\" Target=\"/FixedDocumentSequence.fdseq\" Id=\"R0\"/></Relationships>"},
+      {"FixedDocumentSequence.fdseq",
+       "<FixedDocumentSequence xmlns=\"" + ns +
+           "\"><DocumentReference Source=\"/Documents/1/FixedDocument.fdoc\"/>"
+           "</FixedDocumentSequence>"},
+      {"Resources/font.ttf", font},
+  };
+  std::string document = "<FixedDocument xmlns=\"" + ns + "\">";
+  for (size_t i = 0; i < page_texts.size(); ++i) {
+    const std::string page = "Documents/1/Pages/" + std::to_string(i + 1) + ".fpage";
+    document += "<PageContent Source=\"/" + page + "\"/>";
+    entries.push_back(
+        {page, "<FixedPage xmlns=\"" + ns + "\" Width=\"816\" Height=\"1056\" xml:lang=\"en\">"
+                   "<Glyphs Fill=\"#ff000000\" FontUri=\"/Resources/font.ttf\" "
+                   "FontRenderingEmSize=\"24\" OriginX=\"96\" OriginY=\"96\" UnicodeString=\"" +
+                   xml_escape(page_texts[i]) + "\"/></FixedPage>"});
+  }
+  entries.push_back({"Documents/1/FixedDocument.fdoc", document + "</FixedDocument>"});
+  write_zip(file, entries);
+}
+
+bool pdf_is_valid(const std::filesystem::path& pdf) {
+  return run_program({"/usr/bin/qpdf", "--check", pdf.string()}).exit_code == 0;
+}
+
+std::string pdf_text(const std::filesystem::path& pdf) {
+  return run_program({"/usr/bin/pdftotext", "-q", pdf.string(), "-"}).out;
+}
+
+int pdf_pages(const std::filesystem::path& pdf) {
+  auto result = run_program({"/usr/bin/qpdf", "--show-npages", pdf.string()});
+  return result.exit_code == 0 ? std::atoi(result.out.c_str()) : -1;
+}
+
+bool play_helper_program(int argc, char** argv, int* exit_code) {
+  const std::string name = std::filesystem::path(argv[0]).filename().string();
+  if (name == "tarnprint") {
+    record_args(argc, argv);
+    *exit_code = play_tarnprint(argc, argv);
+    return true;
+  }
+  if (name == "tarnassist") {
+    record_args(argc, argv);
+    if (const char* fifo = std::getenv("TARN_FAKE_BLOCK")) read_fifo_to_end(fifo);
+    *exit_code = 0;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace tarn::test
