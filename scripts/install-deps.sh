@@ -15,7 +15,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev
   poppler-utils xvfb xauth xdotool chromium
   clang libclang-rt-14-dev
-  fonts-dejavu-core libarchive-dev
+  fonts-dejavu-core libarchive-dev libgxps-utils
 )
 
 wanted=("${run_packages[@]}")

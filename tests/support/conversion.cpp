@@ -114,7 +114,6 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
        "<FixedDocumentSequence xmlns=\"" + ns +
            "\"><DocumentReference Source=\"/Documents/1/FixedDocument.fdoc\"/>"
            "</FixedDocumentSequence>"},
-      {"Resources/font.ttf", font},
   };
   std::string document = "<FixedDocument xmlns=\"" + ns + "\">";
   for (size_t i = 0; i < page_texts.size(); ++i) {
@@ -127,6 +126,9 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
                    xml_escape(page_texts[i]) + "\"/></FixedPage>"});
   }
   entries.push_back({"Documents/1/FixedDocument.fdoc", document + "</FixedDocument>"});
+  // Last: libgxps reads the package as a stream, so each part it looks up after the font
+  // would mean reading through the whole font again.
+  entries.push_back({"Resources/font.ttf", font});
   write_zip(file, entries);
 }
 
