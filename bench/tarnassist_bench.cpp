@@ -30,7 +30,8 @@ double median_ms(const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();
     work();
     times.push_back(
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
   }
   std::sort(times.begin(), times.end());
   return times[times.size() / 2];

@@ -26,7 +26,8 @@ double median_ms(const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();
     work();
     times.push_back(
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
   }
   std::sort(times.begin(), times.end());
   return times[times.size() / 2];
@@ -46,7 +47,8 @@ int main() {
   tarn::TarnImageDll dll;
   std::string err;
   if (handle == nullptr || !dll.attach(tarn::module_handle(handle), &err)) {
-    std::fprintf(stderr, "xps_bench: can't load tarnimage.so: %s\n", handle ? err.c_str() : dlerror());
+    std::fprintf(stderr, "xps_bench: can't load tarnimage.so: %s\n",
+                 handle ? err.c_str() : dlerror());
     return 1;
   }
   if (!std::filesystem::exists("/usr/bin/xpstopdf")) {

@@ -47,13 +47,13 @@ std::chrono::seconds print_helper_timeout();
 // install folder and waits for it while the calling thread's event loop keeps running. A
 // helper still running after print_helper_timeout() is ended (SIGTERM, then SIGKILL) and
 // its partial target removed. True when it ended with 0 and the target exists.
-bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode,
-                        bool view, int unused1 = 3, int unused2 = 0);
+bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,
+                        int unused1 = 3, int unused2 = 0);
 
 // Converts an XPS or OXPS file to PDF through tarnimage.so, loaded on first use from the
 // program's folder or the install folder and kept for the process's life. False (and traced)
 // when the library can't be loaded or the conversion fails; never throws.
-bool ConvertXpsToPdf(const std::string& source, const std::string& target, int flags,
-                     int option1, int option2);
+bool ConvertXpsToPdf(const std::string& source, const std::string& target, int flags, int option1,
+                     int option2);
 
 }  // namespace tarn

@@ -80,8 +80,8 @@ TarnImageDll& tarn_image_dll() {
   return dll;
 }
 
-bool ConvertXpsToPdf(const std::string& source, const std::string& target, int flags,
-                     int option1, int option2) {
+bool ConvertXpsToPdf(const std::string& source, const std::string& target, int flags, int option1,
+                     int option2) {
   TarnImageDll& dll = tarn_image_dll();
   if (!dll.is_loaded()) {
     std::string err;

@@ -50,8 +50,7 @@ std::optional<int> wait_serving_events(child_process& child, std::optional<milli
     if (loop.exec() != 0) {
       std::optional<milliseconds> left;
       if (timeout)
-        left = std::max(milliseconds(0),
-                        std::chrono::ceil<milliseconds>(deadline - clock::now()));
+        left = std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - clock::now()));
       return child.wait_for(left);
     }
   }
@@ -103,8 +102,8 @@ void LaunchConverter(const std::string& command_line, bool modal, QObject* paren
   if (is_window) parent->setProperty("enabled", QVariant(true));
 }
 
-bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode,
-                        bool view, int /*unused1*/, int /*unused2*/) {
+bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,
+                        int /*unused1*/, int /*unused2*/) {
   bool result = false;
   try {
     std::string install;

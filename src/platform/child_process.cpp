@@ -83,7 +83,8 @@ std::unique_ptr<child_process> child_process::start(const std::vector<std::strin
     kill(pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
-    if (err != nullptr) *err = std::string("can't watch the started process: ") + std::strerror(saved);
+    if (err != nullptr)
+      *err = std::string("can't watch the started process: ") + std::strerror(saved);
     return nullptr;
   }
   return std::unique_ptr<child_process>(new child_process(pid, std::move(pidfd)));

@@ -39,7 +39,8 @@ void set_err(std::string* err, std::string text) {
   }
   // Close-on-exec rather than close, so that the report pipe still works if execve fails.
   close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-  if (nice_increment != 0) setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + nice_increment);
+  if (nice_increment != 0)
+    setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + nice_increment);
   execve(argv[0], argv, environ);
   int code = errno;
   (void)!write(report_fd, &code, sizeof code);

@@ -83,8 +83,8 @@ bool drain(int fd, std::string* into) {
 
 }  // namespace
 
-collected_run run_collecting(const std::vector<std::string>& argv, int collected_fd,
-                             int signal_fd, std::chrono::seconds timeout) {
+collected_run run_collecting(const std::vector<std::string>& argv, int collected_fd, int signal_fd,
+                             std::chrono::seconds timeout) {
   collected_run run;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -143,8 +143,8 @@ fs::path documents_dir() {
     const std::string tool = dirs.substr(start, colon - start) + "/xdg-user-dir";
     start = colon + 1;
     if (::access(tool.c_str(), X_OK) != 0) continue;
-    collected_run run = run_collecting({tool, "DOCUMENTS"}, STDOUT_FILENO, -1,
-                                       std::chrono::seconds(10));
+    collected_run run =
+        run_collecting({tool, "DOCUMENTS"}, STDOUT_FILENO, -1, std::chrono::seconds(10));
     const fs::path found = first_line(run.output);
     if (run.exit_code == 0 && found.is_absolute() &&
         (found / "").lexically_normal() != (home / "").lexically_normal())
@@ -203,8 +203,8 @@ conversion assistant::convert(const std::string& source) {
 
 conversion assistant::print(const std::string& source, const std::string& part) {
   conversion result;
-  collected_run run = run_collecting({tarnprint_, "/p", source, part, "/noviewpdf"},
-                                     STDERR_FILENO, signal_fd_, helper_timeout_);
+  collected_run run = run_collecting({tarnprint_, "/p", source, part, "/noviewpdf"}, STDERR_FILENO,
+                                     signal_fd_, helper_timeout_);
   const std::string said = first_line(run.output);
   if (!run.start_error.empty()) {
     result.reason = run.start_error;
@@ -212,8 +212,8 @@ conversion assistant::print(const std::string& source, const std::string& part) 
     result.interrupted = true;
     result.reason = "interrupted";
   } else if (run.timed_out) {
-    result.reason = "tarnprint still running after " + std::to_string(helper_timeout_.count()) +
-                    " s; ended";
+    result.reason =
+        "tarnprint still running after " + std::to_string(helper_timeout_.count()) + " s; ended";
   } else if (run.exit_code != 0) {
     result.reason = "tarnprint exited with " + std::to_string(run.exit_code.value_or(-1)) +
                     (said.empty() ? "" : ": " + said);
@@ -227,13 +227,13 @@ conversion assistant::convert_xps(const std::string& source, const std::string& 
   conversion result;
   if (!xps_.is_loaded() && !xps_load_error_) {
     std::string err;
-    module_handle module = LoadFromProgramOrInstall(
-        kTarnImageLibrary, kLoadProgramFolder | kLoadInstallFolder, &err);
+    module_handle module =
+        LoadFromProgramOrInstall(kTarnImageLibrary, kLoadProgramFolder | kLoadInstallFolder, &err);
     if (!module || !xps_.attach(std::move(module), &err)) xps_load_error_ = err;
   }
   if (!xps_.is_loaded()) {
-    result.reason = std::string("can't load ") + kTarnImageLibrary + ": " +
-                    xps_load_error_.value_or("");
+    result.reason =
+        std::string("can't load ") + kTarnImageLibrary + ": " + xps_load_error_.value_or("");
     return result;
   }
   const int code = xps_.XpsToPdfConvert(source.c_str(), part.c_str(), 15, 0, 0);

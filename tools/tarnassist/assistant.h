@@ -53,8 +53,8 @@ struct collected_run {
 // Runs argv with its standard output (fd 1) or error (fd 2) collected. Stops waiting as soon
 // as the program ends, even if a process it left behind still holds the stream. On a signal
 // on `signal_fd` or after `timeout` the program gets SIGTERM, then SIGKILL.
-collected_run run_collecting(const std::vector<std::string>& argv, int collected_fd,
-                             int signal_fd, std::chrono::seconds timeout);
+collected_run run_collecting(const std::vector<std::string>& argv, int collected_fd, int signal_fd,
+                             std::chrono::seconds timeout);
 
 // The user's documents folder: `xdg-user-dir DOCUMENTS`, or ~/Documents when that gives nothing
 // or only the home folder (the tool's way of saying "not set").

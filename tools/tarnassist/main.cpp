@@ -55,8 +55,7 @@ constexpr const char* kDescription =
 
 std::string seconds_text(std::chrono::steady_clock::duration elapsed) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f s",
-                std::chrono::duration<double>(elapsed).count());
+  std::snprintf(text, sizeof text, "%.1f s", std::chrono::duration<double>(elapsed).count());
   return text;
 }
 
@@ -157,8 +156,8 @@ int run(const fs::path& list_path) {
       }
     }
     if (source.empty() && !row.path.empty()) source = row.path;
-    const std::string name = source.empty() ? "row " + std::to_string(row.number)
-                                            : fs::path(source).filename().string();
+    const std::string name =
+        source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
     std::cout << "[" << (i + 1) << "/" << total << "] " << name;
 
     conversion result;
@@ -203,8 +202,8 @@ int run(const fs::path& list_path) {
         std::cerr << "tarnassist: can't delete " << list_path.string() << ": "
                   << std::strerror(errno) << "\n";
     } else if (rewrite_list(list_path, format_list(retry, true), &err)) {
-      std::cout << "The " << retry.size() << " failed file(s) stay listed in "
-                << list_path.string() << "; run tarnassist on it again to retry.\n";
+      std::cout << "The " << retry.size() << " failed file(s) stay listed in " << list_path.string()
+                << "; run tarnassist on it again to retry.\n";
     } else {
       std::cerr << "tarnassist: " << err << "\n";
     }

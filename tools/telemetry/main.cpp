@@ -144,15 +144,13 @@ int record(const std::string& line) {
 
   const auto dir = xdg_state_home() / "vantu";
   if (!make_dirs(dir, 0700)) {
-    std::cerr << "Telemetry: can't create " << dir.string() << ": " << std::strerror(errno)
-              << "\n";
+    std::cerr << "Telemetry: can't create " << dir.string() << ": " << std::strerror(errno) << "\n";
     return kExitCantWrite;
   }
   const auto file = dir / "usage.jsonl";
   unique_fd fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
   if (!fd) {
-    std::cerr << "Telemetry: can't open " << file.string() << ": " << std::strerror(errno)
-              << "\n";
+    std::cerr << "Telemetry: can't open " << file.string() << ": " << std::strerror(errno) << "\n";
     return kExitCantWrite;
   }
   // One write, so that concurrent reporters append whole lines.
