@@ -1,15 +1,11 @@
-// Collects the diagnostic channel's lines that this process writes to standard error while
-// the object lives, as "LEVEL TEXT" with the level as a number (0 progress, 1 warning,
-// 2 failure). Lines of other programs sharing standard error are left out.
+// Collects the diagnostic lines this process writes to standard error while it lives, as
+// "LEVEL TEXT" (0 progress, 1 warning, 2 failure); other programs' lines are left out.
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/test_env.h"
 
@@ -18,38 +14,29 @@ namespace tarn::test {
 class trace_capture {
  public:
   explicit trace_capture(std::filesystem::path file) : file_(std::move(file)) {
-    saved_ = dup(STDERR_FILENO);
     int fd = open(file_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
     dup2(fd, STDERR_FILENO);
     close(fd);
   }
-  ~trace_capture() { restore(); }
+  ~trace_capture() {
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+  }
 
-  std::vector<std::string> lines() {
-    restore();
+  std::vector<std::string> lines() const {
     std::vector<std::string> out;
     std::istringstream in(read_file(file_));
     for (std::string line; std::getline(in, line);) {
       if (line.rfind("[85] ", 0) != 0) continue;
-      const auto level_end = line.find(' ', 5);
-      const std::string level = line.substr(5, level_end - 5);
-      const auto text = line.find(": ", level_end);
-      out.push_back((level == "info" ? "0 " : level == "warning" ? "1 " : "2 ") +
-                    line.substr(text + 2));
+      const char level = line[5] == 'i' ? '0' : line[5] == 'w' ? '1' : '2';
+      out.push_back(std::string(1, level) + " " + line.substr(line.find(": ") + 2));
     }
     return out;
   }
 
  private:
-  void restore() {
-    if (saved_ < 0) return;
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    saved_ = -1;
-  }
-
   std::filesystem::path file_;
-  int saved_ = -1;
+  const int saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
 };
 
 }  // namespace tarn::test

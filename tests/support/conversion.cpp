@@ -2,12 +2,11 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <limits>
 #include <stdexcept>
 
 #include "support/run_program.h"
@@ -20,58 +19,34 @@ constexpr const char* kFont = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
 
 std::string xml_escape(const std::string& text) {
   std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
-    }
-  }
+  for (char c : text)
+    out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '"' ? "&quot;" : std::string(1, c);
   return out;
 }
 
 void record_args(int argc, char** argv) {
-  const char* record = std::getenv("TARN_FAKE_RECORD");
-  if (record == nullptr) return;
-  std::string text;
-  for (int i = 1; i < argc; ++i) text += std::string(argv[i]) + "\n";
-  int fd = ::open(record, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  (void)!::write(fd, text.data(), text.size());
-  ::close(fd);
+  if (const char* record = std::getenv("TARN_FAKE_RECORD")) {
+    std::ofstream out(record);
+    for (int i = 1; i < argc; ++i) out << argv[i] << "\n";
+  }
 }
 
 void read_fifo_to_end(const std::string& fifo) {
-  std::ifstream in(fifo);
-  std::string ignored((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::ifstream(fifo).ignore(std::numeric_limits<std::streamsize>::max());
 }
 
 int play_tarnprint(int argc, char** argv) {
-  if (argc != 5 || std::string(argv[1]) != "/p" || std::string(argv[4]) != "/noviewpdf") {
-    std::fprintf(stderr, "tarnprint: usage: tarnprint /p SRC DST /noviewpdf\n");
-    return 64;
-  }
-  const std::string source = argv[2], target = argv[3];
-  std::ifstream in(source);
-  if (!in) {
-    std::fprintf(stderr, "tarnprint: can't open %s\n", source.c_str());
-    return 2;
-  }
+  if (argc != 5) return 64;
   std::string first;
-  std::getline(in, first);
+  std::getline(std::ifstream(argv[2]), first);
   if (first == "FAIL") {
-    std::fprintf(stderr, "tarnprint: can't convert %s: not a document\n", source.c_str());
+    std::fprintf(stderr, "tarnprint: can't convert %s: not a document\n", argv[2]);
     return 2;
   }
   if (first == "SILENT") return 0;
-  if (first == "HANG") {
-    std::ofstream(target) << "%PDF-1.4\n% half";
-    while (true) pause();
-  }
   if (first.rfind("BLOCK ", 0) == 0) read_fifo_to_end(first.substr(6));
-  std::ofstream(target) << "%PDF-1.4\n% printed from " << source << "\n%%EOF\n";
+  std::ofstream(argv[3]) << "%PDF-1.4\n% printed from " << argv[2] << "\n";
+  while (first == "HANG") pause();
   return 0;
 }
 
@@ -101,15 +76,16 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
                bool oxps) {
   const std::string font = read_file(kFont);
   if (font.empty()) throw std::runtime_error(std::string("missing font ") + kFont);
-  const std::string ns = oxps ? "http://schemas.openxps.org/oxps/v1.0"
-                              : "http://schemas.microsoft.com/xps/2005/06";
+  const std::string ns =
+      oxps ? "http://schemas.openxps.org/oxps/v1.0" : "http://schemas.microsoft.com/xps/2005/06";
   const std::string rel = oxps ? "http://schemas.openxps.org/oxps/v1.0/fixedrepresentation"
                                : "http://schemas.microsoft.com/xps/2005/06/fixedrepresentation";
   std::vector<std::pair<std::string, std::string>> entries = {
       {"_rels/.rels",
        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Relationships "
        "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"><Relationship "
-       "Type=\"" + rel + "\" Target=\"/FixedDocumentSequence.fdseq\" Id=\"R0\"/></Relationships>"},
+       "Type=\"" +
+           rel + "\" Target=\"/FixedDocumentSequence.fdseq\" Id=\"R0\"/></Relationships>"},
       {"FixedDocumentSequence.fdseq",
        "<FixedDocumentSequence xmlns=\"" + ns +
            "\"><DocumentReference Source=\"/Documents/1/FixedDocument.fdoc\"/>"
@@ -120,7 +96,8 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
     const std::string page = "Documents/1/Pages/" + std::to_string(i + 1) + ".fpage";
     document += "<PageContent Source=\"/" + page + "\"/>";
     entries.push_back(
-        {page, "<FixedPage xmlns=\"" + ns + "\" Width=\"816\" Height=\"1056\" xml:lang=\"en\">"
+        {page, "<FixedPage xmlns=\"" + ns +
+                   "\" Width=\"816\" Height=\"1056\" xml:lang=\"en\">"
                    "<Glyphs Fill=\"#ff000000\" FontUri=\"/Resources/font.ttf\" "
                    "FontRenderingEmSize=\"24\" OriginX=\"96\" OriginY=\"96\" UnicodeString=\"" +
                    xml_escape(page_texts[i]) + "\"/></FixedPage>"});
@@ -140,25 +117,14 @@ std::string pdf_text(const std::filesystem::path& pdf) {
   return run_program({"/usr/bin/pdftotext", "-q", pdf.string(), "-"}).out;
 }
 
-int pdf_pages(const std::filesystem::path& pdf) {
-  auto result = run_program({"/usr/bin/qpdf", "--show-npages", pdf.string()});
-  return result.exit_code == 0 ? std::atoi(result.out.c_str()) : -1;
-}
-
 bool play_helper_program(int argc, char** argv, int* exit_code) {
   const std::string name = std::filesystem::path(argv[0]).filename().string();
-  if (name == "tarnprint") {
-    record_args(argc, argv);
-    *exit_code = play_tarnprint(argc, argv);
-    return true;
-  }
-  if (name == "tarnassist") {
-    record_args(argc, argv);
-    if (const char* fifo = std::getenv("TARN_FAKE_BLOCK")) read_fifo_to_end(fifo);
-    *exit_code = 0;
-    return true;
-  }
-  return false;
+  if (name != "tarnprint" && name != "tarnassist") return false;
+  record_args(argc, argv);
+  const char* block = std::getenv("TARN_FAKE_BLOCK");
+  if (name == "tarnassist" && block != nullptr) read_fifo_to_end(block);
+  *exit_code = name == "tarnprint" ? play_tarnprint(argc, argv) : 0;
+  return true;
 }
 
 }  // namespace tarn::test

@@ -18,9 +18,8 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
 void write_zip(const std::filesystem::path& file,
                const std::vector<std::pair<std::string, std::string>>& entries);
 
-bool pdf_is_valid(const std::filesystem::path& pdf);  // qpdf --check
+bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
 std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
-int pdf_pages(const std::filesystem::path& pdf);         // qpdf --show-npages; -1 on failure
 
 // When this process was started as "tarnprint" or "tarnassist" (by its file name), plays
 // that program and returns true with its exit code.
