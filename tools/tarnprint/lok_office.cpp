@@ -122,8 +122,8 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
     }
     return convert_csv(src, dst, *csv, err);
   }
-  // Batch mode cancels every dialog a document would open (a password, a repair question)
-  // instead of waiting for an answer that never comes.
+  // Batch mode cancels any dialog a load would open instead of waiting for an answer that
+  // never comes.
   std::unique_ptr<lok::Document> doc(office_->documentLoad(file_url(src).c_str(), "Batch=true"));
   if (!doc) {
     *err =
