@@ -40,7 +40,8 @@ bool CheckCommandLine(const std::string& command_line, std::string* checked);
 void LaunchConverter(const std::string& command_line, bool modal, QObject* parent);
 
 // How long a print helper may run before it is ended: print_helper_timeout (seconds) under
-// the user's Software\Vantu\PDF\V1\TarnGateWay, default 300; 0 means the default.
+// the user's Software\Vantu\PDF\V1\TarnGateWay; without it 300 s, or the helper's own
+// ConvertTimeoutSeconds (Software\Vantu\PDF\V1\TarnPrint) + 60 s when that is longer.
 std::chrono::seconds print_helper_timeout();
 
 // Runs `tarnprint /p "source" "target" /noviewpdf` (/m and /viewpdf for the flags) from the

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -16,7 +17,10 @@ namespace tarn {
 namespace {
 
 constexpr const char* kGatewayKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
+constexpr const char* kPrintHelperKey = "Software\\Vantu\\PDF\\V1\\TarnPrint";
 constexpr DWORD kDefaultHelperTimeout = 300;
+constexpr DWORD kMaxHelperTimeout = 86400;
+constexpr DWORD kHelperMargin = 60;
 
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
@@ -81,10 +85,18 @@ std::string FindInstalledFile(const std::string& folder, const std::string& file
 }
 
 std::chrono::seconds print_helper_timeout() {
-  const DWORD value = CConvRegKey(reg_root::current_user, kGatewayKey, "print_helper_timeout",
-                                  kDefaultHelperTimeout)
-                          .read_as_number();
-  return std::chrono::seconds(value == 0 ? kDefaultHelperTimeout : value);
+  const DWORD set =
+      CConvRegKey(reg_root::current_user, kGatewayKey, "print_helper_timeout", DWORD{0})
+          .read_as_number();
+  if (set != 0) return std::chrono::seconds(set);
+  // Never before the helper's own time-out, which ends a slow document cleanly and says why.
+  DWORD helper = 0;
+  for (reg_root root : {reg_root::current_user, reg_root::local_machine}) {
+    helper = CConvRegKey(root, kPrintHelperKey, "ConvertTimeoutSeconds", DWORD{0}).read_as_number();
+    if (helper >= 1 && helper <= kMaxHelperTimeout) break;
+    helper = 0;
+  }
+  return std::chrono::seconds(std::max<DWORD>(kDefaultHelperTimeout, helper + kHelperMargin));
 }
 
 }  // namespace tarn
