@@ -9,6 +9,8 @@
 #include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
 #include "platform/self_exe.h"
+#include "support/conversion.h"
+#include "support/run_program.h"
 #include "trace_capture.h"
 
 namespace tarn {
@@ -178,6 +180,20 @@ TEST_F(launch_test, HungPrintHelperIsEndedAndLeavesNoPartialPdf) {
   EXPECT_EQ(lines[5], "2 Print failed");
   EXPECT_FALSE(fs::exists(target_));
   EXPECT_TRUE(no_children_left());
+}
+
+TEST_F(launch_test, RealPrintHelperTurnsADocumentIntoAPdf) {
+  fs::create_symlink(test::dist_program("tarnprint"), install_ / "bin" / "tarnprint");
+  test::write_file(source_ + ".txt", "Grüße aus der Textdatei\n");
+  EXPECT_TRUE(PrintPDFWithHelper(source_ + ".txt", target_, false, false));
+  EXPECT_TRUE(test::pdf_is_valid(target_));
+  EXPECT_EQ(test::pdf_text(target_), "Grüße aus der Textdatei\n\n\f");
+
+  auto trace = capture();
+  EXPECT_FALSE(PrintPDFWithHelper(source_ + ".missing", target_ + "2", false, false));
+  EXPECT_EQ(trace.lines().at(4), "2 Print failed");
+  EXPECT_FALSE(fs::exists(target_ + "2"));
+  test::end_office_worker(env_.tmp());
 }
 
 }  // namespace

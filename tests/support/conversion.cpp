@@ -2,6 +2,9 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -115,6 +118,17 @@ bool pdf_is_valid(const std::filesystem::path& pdf) {
 
 std::string pdf_text(const std::filesystem::path& pdf) {
   return run_program({"/usr/bin/pdftotext", "-q", pdf.string(), "-"}).out;
+}
+
+void end_office_worker(const std::filesystem::path& tmp) {
+  const std::string text = read_file(tmp / "tarnoffice" / "office.pid");
+  const pid_t pid = static_cast<pid_t>(std::atoi(text.c_str()));
+  const int pidfd = pid > 0 ? static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)) : -1;
+  if (pidfd < 0) return;
+  ::kill(pid, SIGTERM);
+  pollfd pfd = {pidfd, POLLIN, 0};
+  if (::poll(&pfd, 1, 30000) != 1) ::kill(pid, SIGKILL);
+  ::close(pidfd);
 }
 
 bool play_helper_program(int argc, char** argv, int* exit_code) {

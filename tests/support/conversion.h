@@ -21,6 +21,10 @@ void write_zip(const std::filesystem::path& file,
 bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
 std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
 
+// Ends the warm office that the real tarnprint started under the private temporary folder
+// `tmp`, and waits until it is gone.
+void end_office_worker(const std::filesystem::path& tmp);
+
 // When this process was started as "tarnprint" or "tarnassist" (by its file name), plays
 // that program and returns true with its exit code.
 //   tarnprint /p SRC DST /noviewpdf: acts on SRC's first line: "FAIL" exits 2 with a message;

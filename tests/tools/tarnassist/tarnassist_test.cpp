@@ -94,6 +94,24 @@ TEST_F(tarnassist_test, ConvertsEachFileAndCleansUpTheHandOver) {
   EXPECT_TRUE(fs::exists(outside));
 }
 
+TEST_F(tarnassist_test, RealHelperConvertsDocumentsAndRefusesAnEmptyOne) {
+  fs::remove(install_ / "tarnprint");
+  fs::create_symlink(test::dist_program("tarnprint"), install_ / "tarnprint");
+  write_list({copy("Notiz \"1\" é.txt", "Grüße aus der Notiz\n"), copy("empty.docx", "")}, true);
+  auto r = assist({list_.string()});
+  test::end_office_worker(env_.tmp());
+  EXPECT_EQ(r.exit_code, 1) << r.out << r.err;
+  const Lines found = lines(r.out);
+  ASSERT_EQ(found.size(), 4u) << r.out;
+  EXPECT_EQ(found[0], "[1/2] Notiz \"1\" é.txt -> Notiz \"1\" é.pdf (T)");
+  EXPECT_EQ(found[1].rfind("[2/2] empty.docx: failed: tarnprint exited with 1: ", 0), 0u);
+  EXPECT_TRUE(test::pdf_is_valid(out_ / "Notiz \"1\" é.pdf"));
+  EXPECT_EQ(test::pdf_text(out_ / "Notiz \"1\" é.pdf"), "Grüße aus der Notiz\n\n\f");
+  EXPECT_EQ(names_in(out_), Names{"Notiz \"1\" é.pdf"});
+  EXPECT_EQ(test::read_file(list_), "[FILES]\r\nCount=1\r\nDelete=1\r\n1=\"" +
+                                        (env_.tmp() / "empty.docx").string() + "\"\r\n");
+}
+
 TEST_F(tarnassist_test, FailedFilesStayListedForARetry) {
   CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
               "print_helper_timeout", DWORD{0})
