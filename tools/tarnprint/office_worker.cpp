@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -44,6 +45,29 @@ void say(const char* format, ...) {
   va_end(args);
   std::fprintf(stderr, "tarnoffice %d: %s\n", static_cast<int>(::getpid()), text);
   std::fflush(stderr);
+}
+
+// The office turns the names in file URLs into bytes with the codeset of the locale variables,
+// so under C or POSIX it opens only ASCII names. It keeps the user's language, with UTF-8.
+void use_utf8_file_names() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(name);
+    if (value == nullptr || *value == '\0') continue;
+    const std::string locale = value;
+    if (const size_t dot = locale.find('.'); dot != std::string::npos) {
+      std::string codeset;
+      for (char c : locale.substr(dot + 1, locale.find('@', dot) - dot - 1))
+        if (c != '-') codeset += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (codeset == "utf8") return;
+    }
+    std::string language = locale.substr(0, locale.find_first_of(".@"));
+    if (language == "POSIX") language = "C";
+    // LC_ALL overrides the others, so a LC_ALL without UTF-8 is the one to replace.
+    ::setenv(std::strcmp(name, "LC_ALL") == 0 ? "LC_ALL" : "LC_CTYPE",
+             (language + ".UTF-8").c_str(), 1);
+    return;
+  }
+  ::setenv("LC_CTYPE", "C.UTF-8", 1);
 }
 
 class worker {
@@ -118,6 +142,7 @@ void worker::run() {
   fs::create_directory(paths_.office_tmp(), ec);
   ::setenv("TMPDIR", paths_.office_tmp().c_str(), 1);
   ::setenv("SAL_USE_VCLPLUGIN", "svp", 1);
+  use_utf8_file_names();
   const auto begin = clock::now();
   if (!office_.start(kProgramDir, paths_.profile(), &err)) {
     say("%s", err.c_str());
