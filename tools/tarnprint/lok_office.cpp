@@ -2,6 +2,7 @@
 
 #include <LibreOfficeKit/LibreOfficeKitInit.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <LibreOfficeKit/LibreOfficeKit.hxx>
 
 #include <fstream>
@@ -58,6 +59,14 @@ constexpr const char* kDialogLibrary = R"(<?xml version="1.0" encoding="UTF-8"?>
 <library:library xmlns:library="http://openoffice.org/2000/library" library:name="Standard" library:readonly="false" library:passwordprotected="false"/>
 )";
 
+// The office's settings in the private profile: no lock file beside the documents it reads,
+// which a killed office would leave behind.
+constexpr const char* kSettings = R"(<?xml version="1.0" encoding="UTF-8"?>
+<oor:items xmlns:oor="http://openoffice.org/2001/registry" xmlns:xs="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance">
+<item oor:path="/org.openoffice.Office.Common/Misc"><prop oor:name="UseLocking" oor:op="fuse"><value>false</value></prop></item>
+</oor:items>
+)";
+
 bool write_text(const fs::path& path, const char* text, std::string* err) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;
@@ -103,6 +112,9 @@ bool lok_office::start(const fs::path& program_dir, const fs::path& profile, std
     *err = "LibreOffice is not installed in " + program_dir.string();
     return false;
   }
+  std::error_code ec;
+  fs::create_directories(profile / "user", ec);
+  if (!write_text(profile / "user" / "registrymodifications.xcu", kSettings, err)) return false;
   office_ = lok::lok_cpp_init(program_dir.c_str(), file_url(profile).c_str());
   if (office_ == nullptr) {
     *err = "LibreOfficeKit could not load the office from " + program_dir.string();
@@ -131,6 +143,7 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
         "know)";
     return false;
   }
+  while (hang_after_load_) ::pause();
   if (!doc->saveAs(file_url(dst).c_str(), format.c_str(), nullptr)) {
     *err = "the office can't save it as " + format + ": " + last_error();
     return false;

@@ -412,6 +412,7 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
   env_.set_env("TARN_OFFICE_TEST_STALL", "1");
   auto r = tarnprint(src_, out_ / "hung.pdf");
   expect_clean_failure(r, 4, "\"" + src_.string() + "\"", "took longer than 1 second", out_);
+  EXPECT_FALSE(fs::exists(src_.parent_path() / ".~lock.note.txt#")) << "the office's lock file";
   auto pids = started_workers();
   ASSERT_EQ(pids.size(), 1u);
   EXPECT_TRUE(ended(pids[0], std::chrono::seconds(0))) << "tarnprint kills the hung worker";
