@@ -17,11 +17,13 @@ conversion_watchdog::~conversion_watchdog() {
   thread_.join();
 }
 
-void conversion_watchdog::arm(std::chrono::steady_clock::duration limit, std::string what) {
+void conversion_watchdog::arm(std::chrono::steady_clock::duration limit, std::string what,
+                              std::filesystem::path output) {
   {
     std::scoped_lock lock(mu_);
     deadline_ = std::chrono::steady_clock::now() + limit;
     what_ = std::move(what);
+    output_ = std::move(output);
   }
   changed_.notify_one();
 }
@@ -45,7 +47,10 @@ void conversion_watchdog::run() {
     const auto deadline = *deadline_;
     if (changed_.wait_until(lock, deadline) == std::cv_status::timeout && deadline_ == deadline) {
       const std::string what = what_;
+      const std::filesystem::path output = output_;
       lock.unlock();
+      // The run that asked for it has given up, or would have killed this process.
+      ::unlink(output.c_str());
       std::fprintf(stderr, "tarnoffice %d: %s is still converting past its time-out; exiting\n",
                    static_cast<int>(::getpid()), what.c_str());
       std::fflush(stderr);

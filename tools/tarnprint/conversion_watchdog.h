@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -20,8 +21,10 @@ class conversion_watchdog {
   conversion_watchdog(const conversion_watchdog&) = delete;
   conversion_watchdog& operator=(const conversion_watchdog&) = delete;
 
-  // From now on, `what` may take `limit`; after that the process exits with status 3.
-  void arm(std::chrono::steady_clock::duration limit, std::string what);
+  // From now on, `what` may take `limit`; after that `output`, the file it was writing, is
+  // removed and the process exits with status 3.
+  void arm(std::chrono::steady_clock::duration limit, std::string what,
+           std::filesystem::path output);
   void disarm();
 
  private:
@@ -31,6 +34,7 @@ class conversion_watchdog {
   std::condition_variable changed_;
   std::optional<std::chrono::steady_clock::time_point> deadline_;  // guarded by mu_
   std::string what_;                                               // guarded by mu_
+  std::filesystem::path output_;                                   // guarded by mu_
   bool stop_ = false;                                              // guarded by mu_
   std::thread thread_;  // last, so it starts after the fields it reads exist
 };

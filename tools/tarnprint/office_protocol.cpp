@@ -8,7 +8,12 @@
 namespace tarn {
 
 bool send_message(int fd, const nlohmann::json& message) {
-  const std::string text = message.dump() + "\n";
+  std::string text;
+  try {
+    text = message.dump() + "\n";
+  } catch (const nlohmann::json::exception&) {
+    return false;  // text that isn't UTF-8
+  }
   size_t done = 0;
   while (done < text.size()) {
     ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -31,7 +32,8 @@ constexpr auto kRequestWait = std::chrono::seconds(10);
 // tarnprint kills a hung worker at the time-out; this is for a run that went away meanwhile.
 constexpr auto kWatchdogGrace = std::chrono::seconds(10);
 constexpr long long kDefaultTimeoutMs = 120'000;
-// Set only by the tests: every conversion hangs, so that the time-out can be seen at work.
+// Set only by the tests: every document hangs once loaded, so that the time-out can be seen
+// at work.
 constexpr const char* kStallHook = "TARN_OFFICE_TEST_STALL";
 
 // One line of the worker's log (its standard error).
@@ -44,6 +46,29 @@ void say(const char* format, ...) {
   va_end(args);
   std::fprintf(stderr, "tarnoffice %d: %s\n", static_cast<int>(::getpid()), text);
   std::fflush(stderr);
+}
+
+// The office turns the names in file URLs into bytes with the codeset of the locale variables,
+// so under C or POSIX it opens only ASCII names. It keeps the user's language, with UTF-8.
+void use_utf8_file_names() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(name);
+    if (value == nullptr || *value == '\0') continue;
+    const std::string locale = value;
+    if (const size_t dot = locale.find('.'); dot != std::string::npos) {
+      std::string codeset;
+      for (char c : locale.substr(dot + 1, locale.find('@', dot) - dot - 1))
+        if (c != '-') codeset += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (codeset == "utf8") return;
+    }
+    std::string language = locale.substr(0, locale.find_first_of(".@"));
+    if (language == "POSIX") language = "C";
+    // LC_ALL overrides the others, so a LC_ALL without UTF-8 is the one to replace.
+    ::setenv(std::strcmp(name, "LC_ALL") == 0 ? "LC_ALL" : "LC_CTYPE",
+             (language + ".UTF-8").c_str(), 1);
+    return;
+  }
+  ::setenv("LC_CTYPE", "C.UTF-8", 1);
 }
 
 class worker {
@@ -65,7 +90,6 @@ class worker {
   std::optional<socket_address> address_;  // keeps a /proc/self/fd path's folder open
   bool bound_ = false;
   unsigned converted_ = 0;
-  const bool stall_ = std::getenv(kStallHook) != nullptr;
   lok_office office_;
   conversion_watchdog watchdog_;
 };
@@ -118,7 +142,9 @@ void worker::run() {
   fs::create_directory(paths_.office_tmp(), ec);
   ::setenv("TMPDIR", paths_.office_tmp().c_str(), 1);
   ::setenv("SAL_USE_VCLPLUGIN", "svp", 1);
+  use_utf8_file_names();
   const auto begin = clock::now();
+  if (std::getenv(kStallHook) != nullptr) office_.hang_after_load();
   if (!office_.start(kProgramDir, paths_.profile(), &err)) {
     say("%s", err.c_str());
     finish(1);
@@ -192,10 +218,7 @@ void worker::convert(int client, const nlohmann::json& request) {
 
   send_message(client, {{"event", "started"}});
   const auto begin = clock::now();
-  watchdog_.arm(std::chrono::milliseconds(timeout_ms) + kWatchdogGrace, src.string());
-  if (stall_) {
-    for (;;) ::pause();
-  }
+  watchdog_.arm(std::chrono::milliseconds(timeout_ms) + kWatchdogGrace, src.string(), dst);
   // A link without an extension, so that the office goes by the content alone.
   const fs::path link = paths_.office_tmp() / "document";
   const bool linked = flag("by_content") && ::symlink(src.c_str(), link.c_str()) == 0;
@@ -207,12 +230,14 @@ void worker::convert(int client, const nlohmann::json& request) {
       std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count();
   if (ok) {
     say("%s -> %s: %lld ms", src.c_str(), format.c_str(), static_cast<long long>(ms));
-    send_message(client, {{"ok", true}});
   } else {
     say("%s -> %s failed after %lld ms: %s", src.c_str(), format.c_str(),
         static_cast<long long>(ms), err.c_str());
-    send_message(client, {{"ok", false}, {"error", err}});
   }
+  const bool told = ok ? send_message(client, {{"ok", true}})
+                       : send_message(client, {{"ok", false}, {"error", err}});
+  // Nobody is left to rename or remove what was written.
+  if (!told) ::unlink(dst.c_str());
 }
 
 void worker::finish(int code) {

@@ -143,6 +143,13 @@ print_result print_to_pdf(const fs::path& src_arg, const fs::path& dst_arg,
                 quoted(src) + " is not a PDF, an office document, an image or text");
 
   if (fs::is_directory(dst, ec)) return fail(kPrintBadTarget, quoted(dst) + " is a folder");
+  // The office reads the names in file URLs as UTF-8; other bytes can't reach it.
+  if (kind != source_kind::pdf && !is_utf8(src.string()))
+    return fail(kPrintBadSource,
+                "can't convert " + quoted(src) + ": the office takes only UTF-8 file names");
+  if (kind != source_kind::pdf && !is_utf8(dst.string()))
+    return fail(kPrintBadTarget,
+                "can't write " + quoted(dst) + ": the office takes only UTF-8 file names");
   temp_beside temp;
   if (!temp.create(dst, &err))
     return fail(kPrintBadTarget, "can't write " + quoted(dst) + ": " + err);

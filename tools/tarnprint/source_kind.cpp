@@ -11,32 +11,6 @@ bool starts_with(std::string_view head, std::string_view magic) {
   return head.substr(0, magic.size()) == magic;
 }
 
-// Valid UTF-8, allowing a sequence cut off by the end of `text`.
-bool is_utf8(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    size_t more = 0;
-    if (c < 0x80) {
-      more = 0;
-    } else if (c >= 0xC2 && c <= 0xDF) {
-      more = 1;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      more = 2;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      more = 3;
-    } else {
-      return false;
-    }
-    for (size_t k = 1; k <= more; ++k) {
-      if (i + k >= text.size()) return true;
-      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
-    }
-    i += more + 1;
-  }
-  return true;
-}
-
 bool has_utf16_bom(std::string_view head) {
   return starts_with(head, "\xFF\xFE") || starts_with(head, "\xFE\xFF");
 }
@@ -53,6 +27,31 @@ bool looks_like_text(std::string_view head) {
 }
 
 }  // namespace
+
+bool is_utf8(std::string_view text, bool allow_cut_end) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    size_t more = 0;
+    if (c < 0x80) {
+      more = 0;
+    } else if (c >= 0xC2 && c <= 0xDF) {
+      more = 1;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      more = 2;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      more = 3;
+    } else {
+      return false;
+    }
+    for (size_t k = 1; k <= more; ++k) {
+      if (i + k >= text.size()) return allow_cut_end;
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
+    }
+    i += more + 1;
+  }
+  return true;
+}
 
 source_kind sniff_source(std::string_view head) {
   if (head.empty()) return source_kind::empty;
@@ -87,7 +86,7 @@ std::optional<csv_layout> csv_layout_of(const std::filesystem::path& name, std::
     return layout;  // the separator count below would read every other byte
   }
   if (starts_with(head, "\xEF\xBB\xBF")) head.remove_prefix(3);
-  layout.charset = is_utf8(head) ? 76 : 1;
+  layout.charset = is_utf8(head, /*allow_cut_end=*/true) ? 76 : 1;
   size_t commas = 0, semicolons = 0, tabs = 0;
   bool quoted = false;
   for (char c : head.substr(0, head.find('\n'))) {
@@ -100,24 +99,6 @@ std::optional<csv_layout> csv_layout_of(const std::filesystem::path& name, std::
   if (semicolons > commas && semicolons >= tabs) layout.separator = ';';
   if (tabs > commas && tabs > semicolons) layout.separator = '\t';
   return layout;
-}
-
-const char* source_kind_name(source_kind kind) {
-  switch (kind) {
-    case source_kind::empty:
-      return "empty";
-    case source_kind::pdf:
-      return "PDF";
-    case source_kind::package:
-      return "office document";
-    case source_kind::image:
-      return "image";
-    case source_kind::text:
-      return "text";
-    case source_kind::unknown:
-      return "unknown";
-  }
-  return "unknown";
 }
 
 }  // namespace tarn

@@ -33,6 +33,8 @@ constexpr size_t kSniffBytes = 64 * 1024;
 // none does) and its encoding. Nullopt for any other name.
 std::optional<csv_layout> csv_layout_of(const std::filesystem::path& name, std::string_view head);
 
-const char* source_kind_name(source_kind kind);
+// Valid UTF-8; `allow_cut_end` accepts a sequence cut off by the end of `text`, as in the first
+// bytes of a file.
+bool is_utf8(std::string_view text, bool allow_cut_end = false);
 
 }  // namespace tarn

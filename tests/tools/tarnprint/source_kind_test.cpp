@@ -60,6 +60,16 @@ TEST(source_kind_test, JudgesByContent) {
   }
 }
 
+TEST(source_kind_test, Utf8CheckKnowsCutSequencesOnlyWhenAsked) {
+  EXPECT_TRUE(
+      is_utf8("Gr\xC3\xBC\xC3\x9F"
+              "e"));
+  EXPECT_FALSE(is_utf8("Gr\xC3"));
+  EXPECT_TRUE(is_utf8("Gr\xC3", /*allow_cut_end=*/true));
+  EXPECT_FALSE(is_utf8("caf\xE9.txt", true));
+  EXPECT_FALSE(is_utf8("\xC0\xAF", true));  // overlong "/"
+}
+
 TEST(source_kind_test, CsvLayoutFromNameAndFirstLine) {
   const struct {
     const char* name;

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <QImage>
@@ -274,6 +275,7 @@ TEST_F(tarnprint_test, BadSourcesFailCleanly) {
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 7919 + 13) % 251);
   test::write_file(dir / "noise.docx", noise);
   test::write_file(dir / "broken.pdf", "%PDF-1.4\n1 0 obj <</Type /Catalog\nno end\n");
+  test::write_file(dir / "caf\xE9 latin-1.txt", "Text whose name isn't UTF-8\n");
   ASSERT_EQ(run_program({system_tool("qpdf"), "--encrypt", "user-pw", "owner-pw", "256", "--",
                          in("pdf"), dir / "locked.pdf"})
                 .exit_code,
@@ -288,6 +290,7 @@ TEST_F(tarnprint_test, BadSourcesFailCleanly) {
       {dir / "broken.pdf", "is damaged"},
       {dir / "locked.pdf", "protected by a password"},
       {dir / "missing.odt", "No such file or directory"},
+      {dir / "caf\xE9 latin-1.txt", "only UTF-8 file names"},
       {dir, "not a file"},
   };
   for (const auto& c : cases) {
@@ -377,6 +380,12 @@ class office_lifecycle_test : public test::sandboxed_test {
 
 TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
   set_print_setting("OfficeMaxConversions", 2);
+  // A temporary folder whose socket path doesn't fit a socket address.
+  const fs::path deep = env_.tmp() / std::string(60, 'd') / std::string(60, 'e');
+  fs::create_directories(deep);
+  fs::permissions(deep, fs::perms::owner_all);
+  env_.set_env("TMPDIR", deep.string());
+  ASSERT_GT((runtime_dir() / "office.sock").string().size(), sizeof(sockaddr_un::sun_path));
   // Two runs that find no worker at the same moment start one between them.
   auto first = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "1.pdf"); });
   auto second = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "2.pdf"); });
@@ -403,6 +412,7 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
   env_.set_env("TARN_OFFICE_TEST_STALL", "1");
   auto r = tarnprint(src_, out_ / "hung.pdf");
   expect_clean_failure(r, 4, "\"" + src_.string() + "\"", "took longer than 1 second", out_);
+  EXPECT_FALSE(fs::exists(src_.parent_path() / ".~lock.note.txt#")) << "the office's lock file";
   auto pids = started_workers();
   ASSERT_EQ(pids.size(), 1u);
   EXPECT_TRUE(ended(pids[0], std::chrono::seconds(0))) << "tarnprint kills the hung worker";
