@@ -316,7 +316,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
     EXPECT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), S_OK);
 
     EXPECT_EQ(dms_->DocClose("", item, kCloseNormal), S_OK);
-    EXPECT_FALSE(fs::exists(fs::path(path).parent_path()));
+    EXPECT_EQ(files_below(cache_dir()), 0u);
     EXPECT_TRUE(FAILED(dms_->DocClose("", item, kCloseNormal)));
     EXPECT_TRUE(FAILED(dms_->DocOpen("", item, kDocOpenForLocalUse)));
   }
@@ -327,6 +327,33 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
   EXPECT_EQ(files_below(cache_dir()), 1u);
   dms_.release()->Release();
   EXPECT_EQ(entries_in(cache_dir()), 0u);
+}
+
+TEST_F(dms_local_test, CopiesOfEqualNamesAndFilesBesideThemNeverMeet) {
+  ASSERT_EQ(save(kSaveNewDocument, input("report.docx", "one"), ""), S_OK);
+  ASSERT_EQ(save(kSaveNewDocument, input("report.docx", "two"), ""), S_OK);
+  auto open_copy = [&](const std::string& ref, std::string* item) {
+    *item = select_item(*dms_, ref);
+    EXPECT_EQ(dms_->DocOpen("", *item, kDocOpenForLocalUse), S_OK);
+    std::string path;
+    EXPECT_EQ(dms_->DocGetLocalFile("", *item, &path), S_OK);
+    return fs::path(path);
+  };
+  std::string first_item, second_item, third_item;
+  const fs::path first = open_copy("1.1", &first_item);
+  const fs::path second = open_copy("2.1", &second_item);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(test::read_file(first), "one");
+  EXPECT_EQ(test::read_file(second), "two");
+
+  // The gateway writes its PDF beside the copy and removes it after closing the item.
+  test::write_file(first.parent_path() / "report.pdf", "converted");
+  EXPECT_EQ(dms_->DocClose("", first_item, kCloseNormal), S_OK);
+  const fs::path third = open_copy("2.1", &third_item);
+  EXPECT_NE(third.parent_path(), first.parent_path());
+  EXPECT_NE(third.parent_path(), second.parent_path());
+  EXPECT_EQ(test::read_file(first.parent_path() / "report.pdf"), "converted");
+  EXPECT_EQ(test::read_file(second), "two");
 }
 
 TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
