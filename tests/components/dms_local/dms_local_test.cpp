@@ -498,18 +498,17 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
   if (small.mounted()) {
     RecordProperty("full_disk", "tmpfs of 256 KiB");
     EXPECT_EQ(save(kSaveNewDocument, big, "", "", "", dms.get()), kDiskFull);
-    // Not a byte left: neither content nor catalogue journal can be written.
-    {
-      std::FILE* filler = std::fopen((env_.root() / "small" / "filler").c_str(), "wb");
-      ASSERT_NE(filler, nullptr);
-      const std::string block(4096, 'f');
-      while (std::fwrite(block.data(), 1, block.size(), filler) == block.size() &&
-             std::fflush(filler) == 0) {
-      }
-      std::fclose(filler);
-    }
+    // Filled up in pages: with none left the content can't be written, with one left the
+    // content fits and the catalogue's journal doesn't.
+    const fs::path filler = env_.root() / "small" / "filler";
+    fs::create_directories(filler);
+    int pages = 0;
+    while (std::ofstream(filler / std::to_string(pages)) << std::string(4096, 'f') << std::flush)
+      ++pages;
     EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
-    fs::remove(env_.root() / "small" / "filler");
+    fs::remove(filler / "0");
+    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
+    fs::remove_all(filler);
   } else {
     // Without the right to mount: a child process whose files may not grow past 256 KiB.
     RecordProperty("full_disk", "RLIMIT_FSIZE of 256 KiB");
