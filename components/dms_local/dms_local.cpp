@@ -148,16 +148,14 @@ class dms_local_connector final : public IDMSHelper {
       std::error_code ec;
       if (!open.local_file.empty() && std::filesystem::exists(open.local_file, ec)) return S_OK;
 
+      // Versions never change once stored, so what SelectDocItem read still holds.
+      const stored_version& v = open.version;
       std::string why;
-      local_store* store = store_for(open.library, false, &why);
+      local_store* store = store_for(v.library, false, &why);
       if (store == nullptr) return traced(store_hr_, "DocOpen", why);
-      stored_version v;
-      if (store_status status = store->find(open.number, open.version, &v, &why);
-          status != store_status::ok)
-        return traced(hresult_of(status), "DocOpen", why);
       const std::filesystem::path source = store->content_path(v);
       std::filesystem::path copy;
-      copy_result copied = cache_.put(source, open.serial, v.name, v.extension, &copy);
+      copy_result copied = cache_.put(source, v.name, v.extension, &copy);
       if (!copied.ok)
         return traced(hresult_of_errno(copied.error), "DocOpen", v.ref() + ": " + copied.text);
       if (copied.size != v.size) {
@@ -274,10 +272,7 @@ class dms_local_connector final : public IDMSHelper {
 
  private:
   struct open_item {
-    std::string library;
-    int64_t number = 0;
-    int32_t version = 0;
-    uint64_t serial = 0;
+    stored_version version;
     std::filesystem::path local_file;  // empty until DocOpen
   };
 
@@ -309,9 +304,8 @@ class dms_local_connector final : public IDMSHelper {
   }
 
   std::string add_item(const stored_version& v) {
-    const uint64_t serial = next_item_++;
-    std::string id = v.ref() + "@" + std::to_string(serial);
-    items_[id] = open_item{v.library, v.number, v.version, serial, {}};
+    std::string id = v.ref() + "@" + std::to_string(next_item_++);
+    items_[id] = open_item{v, {}};
     return id;
   }
 

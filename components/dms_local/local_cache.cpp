@@ -46,6 +46,12 @@ std::string clean(const std::string& text) {
   return out;
 }
 
+bool is_empty_folder(const std::filesystem::path& dir) {
+  std::error_code ec;
+  return std::filesystem::directory_iterator(dir, ec) == std::filesystem::directory_iterator() &&
+         !ec;
+}
+
 }  // namespace
 
 std::string safe_file_name(const std::string& name, const std::string& extension) {
@@ -58,11 +64,10 @@ std::string safe_file_name(const std::string& name, const std::string& extension
 
 local_cache::~local_cache() { remove_all(); }
 
-copy_result local_cache::put(const std::filesystem::path& source, uint64_t item,
-                             const std::string& name, const std::string& extension,
-                             std::filesystem::path* path) {
+copy_result local_cache::put(const std::filesystem::path& source, const std::string& name,
+                             const std::string& extension, std::filesystem::path* path) {
+  copy_result failed;
   if (!session_) {
-    copy_result failed;
     auto root = cache_root(&failed.text);
     if (!root) {
       failed.error = EACCES;
@@ -76,32 +81,35 @@ copy_result local_cache::put(const std::filesystem::path& source, uint64_t item,
     }
     session_ = pattern;
   }
-  const std::filesystem::path dir = *session_ / std::to_string(item);
-  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    copy_result failed;
-    failed.error = errno;
-    failed.text = "can't create " + dir.string() + ": " + std::strerror(errno);
-    return failed;
+  // Making and removing a folder for every item costs more than the copy itself.
+  std::filesystem::path dir;
+  while (!spare_folders_.empty() && dir.empty()) {
+    if (is_empty_folder(spare_folders_.back())) dir = spare_folders_.back();
+    spare_folders_.pop_back();
   }
-  const std::filesystem::path target = dir / safe_file_name(name, extension);
-  ::unlink(target.c_str());  // a copy the user removed or changed is fetched afresh
-  copy_result result = copy_into_new_file(source, target, false);
+  if (dir.empty()) {
+    dir = *session_ / std::to_string(++folders_made_);
+    if (::mkdir(dir.c_str(), 0700) != 0) {
+      failed.error = errno;
+      failed.text = "can't create " + dir.string() + ": " + std::strerror(errno);
+      return failed;
+    }
+  }
+  copy_result result = copy_into_new_file(source, dir / safe_file_name(name, extension), false);
   if (result.ok) {
-    *path = target;
+    *path = dir / safe_file_name(name, extension);
   } else {
-    ::rmdir(dir.c_str());
+    spare_folders_.push_back(dir);
   }
   return result;
 }
 
 void local_cache::remove(const std::filesystem::path& path) {
-  // Only item folders of this session, whatever path a caller hands in.
+  // Only copies of this session, whatever path a caller hands in.
   if (!session_ || path.parent_path().parent_path() != *session_) return;
-  std::error_code ec;
-  std::filesystem::remove_all(path.parent_path(), ec);
-  if (ec)
-    TARN_TRACE(kTraceWarning, "dms_local: can't remove %s: %s", path.parent_path().c_str(),
-               ec.message().c_str());
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+    TARN_TRACE(kTraceWarning, "dms_local: can't remove %s: %s", path.c_str(), std::strerror(errno));
+  spare_folders_.push_back(path.parent_path());
 }
 
 void local_cache::remove_all() {
@@ -112,6 +120,7 @@ void local_cache::remove_all() {
     TARN_TRACE(kTraceWarning, "dms_local: can't remove %s: %s", session_->c_str(),
                ec.message().c_str());
   session_.reset();
+  spare_folders_.clear();
 }
 
 void local_cache::remove_abandoned() {

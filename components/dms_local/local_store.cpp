@@ -120,6 +120,30 @@ void stall_here_for_test(std::string_view point) {
   while (true) ::pause();
 }
 
+// BEGIN IMMEDIATE, rolled back unless committed. Unlike sqlite_transaction it rolls back only
+// when it ends, so that the cause of a failed COMMIT (a full disk) can still be read.
+class write_transaction {
+ public:
+  explicit write_transaction(sqlite3* db)
+      : db_(db), open_(sqlite_exec(db, "BEGIN IMMEDIATE", nullptr)) {}
+  ~write_transaction() {
+    if (open_ && sqlite3_get_autocommit(db_) == 0) sqlite_exec(db_, "ROLLBACK", nullptr);
+  }
+  write_transaction(const write_transaction&) = delete;
+  write_transaction& operator=(const write_transaction&) = delete;
+
+  bool begun() const { return open_; }
+  bool commit() {
+    if (!sqlite_exec(db_, "COMMIT", nullptr)) return false;
+    open_ = false;
+    return true;
+  }
+
+ private:
+  sqlite3* db_;
+  bool open_;
+};
+
 bool folder_is_empty(const std::filesystem::path& dir) {
   std::error_code ec;
   return std::filesystem::directory_iterator(dir, ec) == std::filesystem::directory_iterator();
@@ -384,7 +408,7 @@ store_status local_store::write_version(std::optional<int64_t> number, const new
     return fail(store_status::read_only, err,
                 "can't write " + (dir_ / kCatalogue).string() + ": the catalogue is read-only");
 
-  sqlite_transaction tx(db);
+  write_transaction tx(db);
   if (!tx.begun()) return sqlite_failure("can't lock", err);
   finish_interrupted_writes();
 
@@ -460,9 +484,8 @@ store_status local_store::write_version(std::optional<int64_t> number, const new
     return sqlite_failure("can't write", err);
   }
   stall_here_for_test("before-commit");
-  std::string why;
-  if (!tx.commit(&why)) {
-    store_status status = sqlite_failure("can't commit", err);
+  if (!tx.commit()) {
+    const store_status status = sqlite_failure("can't commit", err);
     drop_incoming();
     return status;
   }
