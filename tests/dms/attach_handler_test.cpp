@@ -95,8 +95,9 @@ TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
     std::vector<std::string> names;
     for (const auto& [label, bytes] : bytes_before) {
       names.push_back(label + ".pdf");
-      if (label != c.result_file)
+      if (label != c.result_file) {
         EXPECT_EQ(test::read_file(folder_ / names.back()), bytes) << label;
+      }
     }
     EXPECT_EQ(folder_names(), names);
   }

@@ -66,7 +66,9 @@ TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
     EXPECT_EQ(made.create(c.clsid, kIidDmsHelper, &err), c.hr);
     EXPECT_FALSE(made);
     EXPECT_EQ(err, c.reason);
-    if (!c.library.empty()) EXPECT_FALSE(is_loaded(c.library.c_str()));
+    if (!c.library.empty()) {
+      EXPECT_FALSE(is_loaded(c.library.c_str()));
+    }
   }
 }
 
