@@ -15,6 +15,9 @@ test_packages=(
   googletest libgtest-dev libgmock-dev
   poppler-utils xvfb xauth xdotool chromium
   clang libclang-rt-14-dev
+  systemd desktop-file-utils
+  fonts-dejavu-core libarchive-dev libgxps-utils
+  qt6-image-formats-plugins libgif-dev
 )
 
 wanted=("${run_packages[@]}")

@@ -3,6 +3,7 @@
 // threads; the work itself runs on the main thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -34,7 +35,7 @@ class TarnGateWayHandler : virtual public TarnWwySrv::TarnGateWayIf {
 
  private:
   std::shared_ptr<simple_log> log_;
-  int32_t command_count_ = 0;  // raised without a lock: only log numbers depend on it
+  std::atomic<int32_t> command_count_{0};  // only log numbers depend on it
   std::shared_ptr<TaskWorker> worker_;
   std::shared_ptr<DMS_connector_handler> dms_;
   task_factory make_task_;

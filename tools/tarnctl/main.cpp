@@ -14,6 +14,8 @@ int main(int argc, char** argv) {
   int exit_code = tarn::kExitOk;
   tarn::add_reg_command(app, &exit_code);
   tarn::add_setup_command(app, &exit_code);
+  tarn::add_call_command(app, &exit_code);
+  tarn::add_dms_command(app, &exit_code);
   try {
     std::vector<std::string> args = tarn::translate_reg_switches(argc, argv);
     std::reverse(args.begin(), args.end());  // CLI11 takes its vector last-first

@@ -20,5 +20,7 @@ std::vector<std::string> translate_reg_switches(int argc, char** argv);
 
 void add_reg_command(CLI::App& app, int* exit_code);
 void add_setup_command(CLI::App& app, int* exit_code);
+void add_call_command(CLI::App& app, int* exit_code);
+void add_dms_command(CLI::App& app, int* exit_code);
 
 }  // namespace tarn

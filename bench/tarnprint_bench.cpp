@@ -1,0 +1,343 @@
+// Ten documents of mixed kinds to PDF: ten tarnprint runs (once starting the warm office, once
+// on the warm office) against ten cold `soffice --headless --convert-to pdf` runs and one soffice
+// run converting all ten, all in this run, on the same inputs, each with a private profile; plus
+// the peak memory of the warm office (VmHWM) and of soffice. Prints the median of each over the
+// rounds and the ratios. Runs in a private sandbox (HOME, TMPDIR, registry), removed at the end.
+//
+//   build/bench/tarnprint_bench [--rounds N]
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QImage>
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "office_client.h"
+#include "office_paths.h"
+#include "pdf_file.h"
+
+extern char** environ;
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using clock = std::chrono::steady_clock;
+
+struct run_stats {
+  double ms = 0;
+  long max_rss_kb = 0;  // of the program and the children it waited for
+  bool ok = false;
+};
+
+std::string find_program(const std::string& name) {
+  std::string dirs = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "/usr/bin:/bin";
+  std::istringstream in(dirs);
+  for (std::string dir; std::getline(in, dir, ':');)
+    if (::access((fs::path(dir) / name).c_str(), X_OK) == 0) return fs::path(dir) / name;
+  return "";
+}
+
+run_stats run_timed(const std::vector<std::string>& args) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  std::vector<char*> argv;
+  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  run_stats stats;
+  const auto begin = clock::now();
+  pid_t pid;
+  const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return stats;
+  int status = 0;
+  rusage usage{};
+  ::wait4(pid, &status, 0, &usage);
+  stats.ms = std::chrono::duration<double, std::milli>(clock::now() - begin).count();
+  stats.max_rss_kb = usage.ru_maxrss;
+  stats.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return stats;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n == 0 ? 0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+void write_text(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+const char* kWords[] = {"gateway", "document", "Grüße",  "ledger",  "quarter", "report",
+                        "revenue", "forecast", "review", "meeting", "printer", "archive"};
+
+std::string sentence(int seed, int words) {
+  std::string text;
+  for (int i = 0; i < words; ++i) {
+    if (i) text += ' ';
+    text += kWords[(seed * 7 + i * 5) % 12];
+  }
+  return text + ".";
+}
+
+std::string xml_head(const char* mime) {
+  return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" xmlns:table="urn:oasis:names:tc:opendocument:xmlns:table:1.0" xmlns:draw="urn:oasis:names:tc:opendocument:xmlns:drawing:1.0" xmlns:svg="urn:oasis:names:tc:opendocument:xmlns:svg-compatible:1.0" office:version="1.2" office:mimetype=")") +
+         mime + "\"><office:body>";
+}
+
+// Ten documents of about seven pages each, made by the warm office from flat ODF where a
+// binary format is needed.
+std::vector<fs::path> make_inputs(const fs::path& dir, const office_settings& settings) {
+  fs::create_directories(dir);
+  std::string text = xml_head("application/vnd.oasis.opendocument.text") + "<office:text>";
+  for (int p = 0; p < 140; ++p) text += "<text:p>" + sentence(p, 40) + "</text:p>";
+  write_text(dir / "source.fodt", text + "</office:text></office:body></office:document>");
+  std::string sheet = xml_head("application/vnd.oasis.opendocument.spreadsheet") +
+                      "<office:spreadsheet><table:table table:name=\"Ledger\">";
+  std::string csv;
+  for (int r = 0; r < 300; ++r) {
+    sheet += "<table:table-row>";
+    for (int c = 0; c < 6; ++c) {
+      const std::string cell = c % 2 ? std::to_string(r * 6 + c) : kWords[(r + c) % 12];
+      sheet += c % 2 ? "<table:table-cell office:value-type=\"float\" office:value=\"" + cell +
+                           "\"><text:p>" + cell + "</text:p></table:table-cell>"
+                     : "<table:table-cell office:value-type=\"string\"><text:p>" + cell +
+                           "</text:p></table:table-cell>";
+      csv += cell + (c == 5 ? "\n" : ",");
+    }
+    sheet += "</table:table-row>";
+  }
+  write_text(dir / "source.fods",
+             sheet + "</table:table></office:spreadsheet></office:body></office:document>");
+  std::string slides =
+      xml_head("application/vnd.oasis.opendocument.presentation") + "<office:presentation>";
+  for (int s = 0; s < 7; ++s)
+    slides += "<draw:page draw:name=\"s" + std::to_string(s) +
+              "\"><draw:frame svg:x=\"2cm\" svg:y=\"2cm\" svg:width=\"22cm\" svg:height=\"12cm\">"
+              "<draw:text-box><text:p>" +
+              sentence(s, 12) + "</text:p><text:p>" + sentence(s + 1, 12) +
+              "</text:p></draw:text-box></draw:frame></draw:page>";
+  write_text(dir / "source.fodp",
+             slides + "</office:presentation></office:body></office:document>");
+
+  std::vector<fs::path> docs;
+  const struct {
+    const char* flat;
+    const char* format;
+  } made[] = {{"fodt", "docx"}, {"fodt", "doc"}, {"fodt", "odt"},
+              {"fods", "xlsx"}, {"fods", "xls"}, {"fodp", "pptx"}};
+  for (const auto& m : made) {
+    const fs::path out = dir / (std::string(m.format) + "-doc." + m.format);
+    const auto outcome = convert_with_office(
+        {dir / ("source." + std::string(m.flat)), out, m.format, std::nullopt, false}, settings);
+    if (outcome.status != office_status::ok) {
+      std::cerr << "tarnprint_bench: can't make " << out << ": " << outcome.message << "\n";
+      std::exit(1);
+    }
+    docs.push_back(out);
+  }
+  std::string rtf = "{\\rtf1\\ansi{\\fonttbl\\f0 Times;}\\f0 ";
+  std::string html = "<html><body><h1>Report</h1>";
+  for (int p = 0; p < 140; ++p) {
+    rtf += sentence(p, 40) + "\\par ";
+    html += "<p>" + sentence(p, 40) + "</p>";
+  }
+  write_text(dir / "rtf-doc.rtf", rtf + "}");
+  write_text(dir / "html-doc.html", html + "</body></html>");
+  write_text(dir / "csv-doc.csv", csv);
+  QImage image(1200, 900, QImage::Format_RGB32);
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) image.setPixel(x, y, qRgb(x % 256, y % 256, 90));
+  image.save(QString::fromStdString((dir / "png-doc.png").string()), "PNG");
+  for (const char* name : {"rtf-doc.rtf", "html-doc.html", "csv-doc.csv", "png-doc.png"})
+    docs.push_back(dir / name);
+  return docs;
+}
+
+long worker_vmhwm_kb() {
+  std::string err;
+  auto paths = office_runtime(&err);
+  if (!paths) return 0;
+  std::ifstream pid_file(paths->pid_file());
+  std::string pid;
+  pid_file >> pid;
+  std::ifstream status("/proc/" + pid + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmHWM:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+  return 0;
+}
+
+size_t pages_in(const fs::path& dir) {
+  size_t pages = 0;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    std::string err;
+    pages += pdf_page_count(entry.path(), &err).value_or(0);
+  }
+  return pages;
+}
+
+struct round_result {
+  double tarnprint_cold = 0, tarnprint_warm = 0, soffice_each = 0, soffice_all = 0;
+  long vmhwm_kb = 0, soffice_rss_kb = 0, soffice_all_rss_kb = 0;
+  size_t pages_ours = 0, pages_soffice = 0;
+};
+
+round_result run_round(const std::vector<fs::path>& docs, const fs::path& root, int round) {
+  round_result r;
+  const std::string tarnprint = std::string(TARN_DIST_DIR) + "/tarnprint";
+  const std::string soffice = find_program("soffice");
+  const std::string profile = "-env:UserInstallation=" + file_url(root / "soffice-profile");
+  const fs::path out = root / ("round-" + std::to_string(round));
+  for (const char* sub : {"cold", "warm", "each", "all"}) fs::create_directories(out / sub);
+  bool ok = true;
+
+  std::string err;
+  stop_office(std::chrono::seconds(10), &err);  // the first run below starts it afresh
+  for (int pass = 0; pass < 2; ++pass) {
+    const char* sub = pass == 0 ? "cold" : "warm";
+    double total = 0;
+    for (const auto& doc : docs) {
+      const auto stats = run_timed(
+          {tarnprint, "/p", doc, out / sub / (doc.stem().string() + ".pdf"), "/noviewpdf"});
+      ok = ok && stats.ok;
+      total += stats.ms;
+    }
+    (pass == 0 ? r.tarnprint_cold : r.tarnprint_warm) = total;
+  }
+  r.vmhwm_kb = worker_vmhwm_kb();
+  r.pages_ours = pages_in(out / "warm");
+  stop_office(std::chrono::seconds(10), &err);
+
+  for (const auto& doc : docs) {
+    const auto stats = run_timed({soffice, profile, "--headless", "--norestore", "--convert-to",
+                                  "pdf", "--outdir", out / "each", doc});
+    ok = ok && stats.ok;
+    r.soffice_each += stats.ms;
+    r.soffice_rss_kb = std::max(r.soffice_rss_kb, stats.max_rss_kb);
+  }
+  std::vector<std::string> all = {soffice,        profile, "--headless", "--norestore",
+                                  "--convert-to", "pdf",   "--outdir",   out / "all"};
+  for (const auto& doc : docs) all.push_back(doc);
+  const auto stats = run_timed(all);
+  r.soffice_all = stats.ms;
+  r.soffice_all_rss_kb = stats.max_rss_kb;
+  r.pages_soffice = pages_in(out / "all");
+  if (!ok || !stats.ok ||
+      std::distance(fs::directory_iterator(out / "all"), fs::directory_iterator()) != 10) {
+    std::cerr << "tarnprint_bench: a conversion failed in round " << round << "\n";
+    std::exit(1);
+  }
+  return r;
+}
+
+}  // namespace
+}  // namespace tarn
+
+int main(int argc, char** argv) {
+  using namespace tarn;
+  int rounds = 3;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::cout << "Usage: tarnprint_bench [--rounds N]\n"
+                   "Times ten documents of mixed kinds to PDF through tarnprint (ten runs from a\n"
+                   "cold start of the warm office, ten on the warm office) against ten cold\n"
+                   "soffice --convert-to runs and one soffice run for all ten; prints medians of\n"
+                   "N rounds (default 3), the ratios and peak memory.\n";
+      return 0;
+    }
+    if (arg == "--rounds" && i + 1 < argc) {
+      const char* text = argv[++i];
+      auto [end, ec] = std::from_chars(text, text + std::strlen(text), rounds);
+      if (ec == std::errc() && *end == '\0' && rounds >= 1 && rounds <= 50) continue;
+      std::cerr << "tarnprint_bench: --rounds wants a number from 1 to 50, not \"" << text
+                << "\"\n";
+      return 2;
+    }
+    std::cerr << "tarnprint_bench: unknown argument \"" << arg << "\" (see --help)\n";
+    return 2;
+  }
+  if (find_program("soffice").empty()) {
+    std::cerr << "tarnprint_bench: soffice is missing; scripts/install-deps.sh installs it\n";
+    return 1;
+  }
+
+  std::string pattern = (fs::temp_directory_path() / "tarnprint-bench-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    std::cerr << "tarnprint_bench: can't create " << pattern << ": " << std::strerror(errno)
+              << "\n";
+    return 1;
+  }
+  const fs::path root = pattern;
+  fs::create_directories(root / "home");
+  fs::create_directories(root / "tmp");
+  fs::permissions(root / "tmp", fs::perms::owner_all);
+  ::setenv("HOME", (root / "home").c_str(), 1);
+  ::setenv("XDG_CONFIG_HOME", (root / "home" / ".config").c_str(), 1);
+  ::setenv("TMPDIR", (root / "tmp").c_str(), 1);
+  ::setenv("TARN_MACHINE_REGISTRY", (root / "machine.sqlite").c_str(), 1);
+  ::unsetenv("XDG_RUNTIME_DIR");
+
+  office_settings settings = read_office_settings();
+  settings.worker_program = std::string(TARN_DIST_DIR) + "/tarnoffice";
+  std::cerr << "making ten documents in " << root << "\n";
+  const auto docs = make_inputs(root / "in", settings);
+  // An untimed soffice run makes its profile, so the cold runs measure start-up, not set-up.
+  run_timed({find_program("soffice"), "-env:UserInstallation=" + file_url(root / "soffice-profile"),
+             "--headless", "--norestore", "--convert-to", "pdf", "--outdir", root / "warm-up",
+             docs.front()});
+
+  std::vector<round_result> results;
+  for (int round = 1; round <= rounds; ++round) {
+    std::cerr << "round " << round << " of " << rounds << "\n";
+    results.push_back(run_round(docs, root, round));
+  }
+  std::string err;
+  stop_office(std::chrono::seconds(10), &err);
+
+  auto med = [&](auto field) {
+    std::vector<double> values;
+    for (const auto& r : results) values.push_back(static_cast<double>(r.*field));
+    return median(values);
+  };
+  const double cold = med(&round_result::tarnprint_cold), warm = med(&round_result::tarnprint_warm);
+  const double each = med(&round_result::soffice_each), all = med(&round_result::soffice_all);
+  std::printf("median of %d rounds\n", rounds);
+  std::printf("%-52s %12s %10s %7s\n", "case", "baseline ms", "ours ms", "ratio");
+  auto row = [](const char* name, double base, double ours) {
+    std::printf("%-52s %12.1f %10.1f %7.3f\n", name, base, ours, ours / base);
+  };
+  row("10 docs: tarnprint incl. warm-up vs 10 cold soffice", each, cold);
+  row("10 docs: tarnprint on warm office vs 10 cold soffice", each, warm);
+  row("10 docs: tarnprint incl. warm-up vs 1 soffice for 10", all, cold);
+  row("10 docs: tarnprint on warm office vs 1 soffice for 10", all, warm);
+  std::printf("%-52s %12s %10s %7s\n", "peak memory", "baseline MB", "ours MB", "ratio");
+  const double office_mb = med(&round_result::vmhwm_kb) / 1024;
+  row("warm office VmHWM vs cold soffice max RSS", med(&round_result::soffice_rss_kb) / 1024,
+      office_mb);
+  row("warm office VmHWM vs soffice for 10 max RSS", med(&round_result::soffice_all_rss_kb) / 1024,
+      office_mb);
+  std::printf("pages written: tarnprint %zu, soffice %zu (per round)\n", results.front().pages_ours,
+              results.front().pages_soffice);
+
+  std::error_code ec;
+  fs::remove_all(root, ec);
+  return 0;
+}

@@ -1,0 +1,70 @@
+// XPS to PDF: tarnimage.so called in process, as the gateway calls it, against libgxps's own
+// xpstopdf program on the same package. Prints the median of each, the ratio and pages/s.
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+#include "convutils/DynLoadDll.h"
+#include "support/conversion.h"
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+namespace {
+
+constexpr int kPages = 40;
+constexpr int kRuns = 7;
+
+double median_ms(const std::function<void()>& work) {
+  work();  // warm-up
+  std::vector<double> times;
+  for (int i = 0; i < kRuns; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    times.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
+  }
+  std::sort(times.begin(), times.end());
+  return times[times.size() / 2];
+}
+
+}  // namespace
+
+int main() {
+  tarn::test::scoped_test_env env;
+  std::vector<std::string> pages;
+  for (int i = 1; i <= kPages; ++i) pages.push_back("Page " + std::to_string(i) + " of the bench");
+  const auto source = env.tmp() / "bench.xps";
+  tarn::test::write_xps(source, pages);
+  const auto target = env.tmp() / "out.pdf";
+
+  void* handle = dlopen(tarn::test::dist_program("tarnimage.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+  tarn::TarnImageDll dll;
+  std::string err;
+  if (handle == nullptr || !dll.attach(tarn::module_handle(handle), &err)) {
+    std::fprintf(stderr, "xps_bench: can't load tarnimage.so: %s\n",
+                 handle ? err.c_str() : dlerror());
+    return 1;
+  }
+  if (!std::filesystem::exists("/usr/bin/xpstopdf")) {
+    std::fprintf(stderr, "xps_bench: the baseline /usr/bin/xpstopdf is missing (libgxps-utils)\n");
+    return 1;
+  }
+  const double baseline = median_ms([&] {
+    tarn::test::run_program({"/usr/bin/xpstopdf", source.string(), target.string()});
+  });
+  const double ours = median_ms([&] {
+    if (dll.XpsToPdfConvert(source.c_str(), target.c_str(), 15, 0, 0) != kPages)
+      std::fprintf(stderr, "xps_bench: conversion failed\n");
+  });
+  std::printf("%-34s %12s %9s %7s %9s\n", "case", "baseline ms", "ours ms", "ratio", "pages/s");
+  std::printf("%-34s %12.1f %9.1f %7.3f %9.0f\n",
+              (std::to_string(kPages) + "-page XPS -> PDF (xpstopdf)").c_str(), baseline, ours,
+              ours / baseline, kPages / (ours / 1000.0));
+  return 0;
+}

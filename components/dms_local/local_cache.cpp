@@ -1,0 +1,143 @@
+#include "dms_local/local_cache.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "log/trace.h"
+#include "platform/private_temp.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kCacheDir = "dms_local";
+constexpr size_t kMaxFileName = 240;
+
+std::optional<std::filesystem::path> cache_root(std::string* err) {
+  auto temp = private_temp_dir(err);
+  if (!temp) return std::nullopt;
+  std::filesystem::path root = *temp / kCacheDir;
+  if (::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
+    *err = "can't create " + root.string() + ": " + std::strerror(errno);
+    return std::nullopt;
+  }
+  return root;
+}
+
+// Cuts `text` to at most `limit` bytes without splitting a UTF-8 sequence.
+std::string cut(const std::string& text, size_t limit) {
+  if (text.size() <= limit) return text;
+  size_t end = limit;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  return text.substr(0, end);
+}
+
+std::string clean(const std::string& text) {
+  std::string out = text;
+  for (char& c : out) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '/' || byte < 0x20 || byte == 0x7F) c = '_';
+  }
+  return out;
+}
+
+bool is_empty_folder(const std::filesystem::path& dir) {
+  std::error_code ec;
+  return std::filesystem::directory_iterator(dir, ec) == std::filesystem::directory_iterator() &&
+         !ec;
+}
+
+}  // namespace
+
+std::string safe_file_name(const std::string& name, const std::string& extension) {
+  std::string ext = cut(clean(extension), 32);
+  std::string base = clean(name);
+  if (base.empty() || base == "." || base == "..") base = "document";
+  base = cut(base, kMaxFileName - (ext.empty() ? 0 : ext.size() + 1));
+  return ext.empty() ? base : base + "." + ext;
+}
+
+local_cache::~local_cache() { remove_all(); }
+
+copy_result local_cache::put(const std::filesystem::path& source, const std::string& name,
+                             const std::string& extension, std::filesystem::path* path) {
+  copy_result failed;
+  if (!session_) {
+    auto root = cache_root(&failed.text);
+    if (!root) {
+      failed.error = EACCES;
+      return failed;
+    }
+    std::string pattern = (*root / (std::to_string(::getpid()) + "-XXXXXX")).string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      failed.error = errno;
+      failed.text = "can't create a folder in " + root->string() + ": " + std::strerror(errno);
+      return failed;
+    }
+    session_ = pattern;
+  }
+  // Making and removing a folder for every item costs more than the copy itself.
+  std::filesystem::path dir;
+  while (!spare_folders_.empty() && dir.empty()) {
+    if (is_empty_folder(spare_folders_.back())) dir = spare_folders_.back();
+    spare_folders_.pop_back();
+  }
+  if (dir.empty()) {
+    dir = *session_ / std::to_string(++folders_made_);
+    if (::mkdir(dir.c_str(), 0700) != 0) {
+      failed.error = errno;
+      failed.text = "can't create " + dir.string() + ": " + std::strerror(errno);
+      return failed;
+    }
+  }
+  copy_result result = copy_into_new_file(source, dir / safe_file_name(name, extension), false);
+  if (result.ok) {
+    *path = dir / safe_file_name(name, extension);
+  } else {
+    spare_folders_.push_back(dir);
+  }
+  return result;
+}
+
+void local_cache::remove(const std::filesystem::path& path) {
+  // Only copies of this session, whatever path a caller hands in.
+  if (!session_ || path.parent_path().parent_path() != *session_) return;
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+    TARN_TRACE(kTraceWarning, "dms_local: can't remove %s: %s", path.c_str(), std::strerror(errno));
+  spare_folders_.push_back(path.parent_path());
+}
+
+void local_cache::remove_all() {
+  if (!session_) return;
+  std::error_code ec;
+  std::filesystem::remove_all(*session_, ec);
+  if (ec)
+    TARN_TRACE(kTraceWarning, "dms_local: can't remove %s: %s", session_->c_str(),
+               ec.message().c_str());
+  session_.reset();
+  spare_folders_.clear();
+}
+
+void local_cache::remove_abandoned() {
+  std::string err;
+  auto root = cache_root(&err);
+  if (!root) return;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(*root, ec)) {
+    const std::string name = entry.path().filename().string();
+    int pid = 0;
+    auto [end, parse_error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    if (parse_error != std::errc() || end == name.data() + name.size() || *end != '-' || pid <= 0)
+      continue;
+    if (::kill(pid, 0) == 0 || errno != ESRCH) continue;
+    std::error_code remove_error;
+    std::filesystem::remove_all(entry.path(), remove_error);
+  }
+}
+
+}  // namespace tarn

@@ -1,0 +1,81 @@
+#include <dlfcn.h>
+
+#include "convutils/DynLoadDll.h"
+#include "support/conversion.h"
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The built library, loaded as the gateway loads it.
+class tarnimage_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    void* handle = dlopen(test::dist_program(kTarnImageLibrary).c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(handle, nullptr) << dlerror();
+    std::string err;
+    ASSERT_TRUE(dll_.attach(module_handle(handle), &err)) << err;
+  }
+  int convert(const fs::path& source, const fs::path& target) {
+    return dll_.XpsToPdfConvert(source.c_str(), target.c_str(), 15, 0, 0);
+  }
+  size_t files_in(const fs::path& dir) {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(dir), {}));
+  }
+
+  TarnImageDll dll_;
+};
+
+TEST_F(tarnimage_test, RendersEveryPageOfXpsAndOxpsWithItsText) {
+  for (bool oxps : {false, true}) {
+    SCOPED_TRACE(oxps ? "OXPS" : "XPS");
+    const fs::path dir = env_.tmp() / (oxps ? "Ordner \"ö\"" : "dir with blanks");
+    const fs::path source = dir / (oxps ? "Bericht 日本.oxps" : "report.xps");
+    const fs::path target = dir / "out put.pdf";
+    fs::create_directories(dir);
+    test::write_xps(source, {"Erste Seite Grüße", "Second page", "Third & last"}, oxps);
+    test::write_file(target, "an older file, replaced whole");
+    EXPECT_EQ(convert(source, target), 3);
+    EXPECT_TRUE(test::pdf_is_valid(target));
+    EXPECT_EQ(test::pdf_text(target), "Erste Seite Grüße\n\n\fSecond page\n\n\fThird & last\n\n\f");
+    EXPECT_EQ(files_in(dir), 2u) << "nothing but source and target";
+  }
+}
+
+TEST_F(tarnimage_test, BadInputFailsWithItsCodeAndLeavesNothing) {
+  const fs::path dir = env_.tmp();
+  test::write_file(dir / "empty.xps", "");
+  test::write_file(dir / "corrupt.xps", std::string(3000, '\x17'));
+  test::write_zip(dir / "no pages.xps", {{"_rels/.rels", "<Relationships/>"}});
+  test::write_xps(dir / "ok.xps", {"fine"});
+  test::write_file(dir / "a.pdf", "kept");
+  const struct {
+    const char* source;
+    fs::path target;
+    int code;
+  } cases[] = {
+      {"missing.xps", dir / "a.pdf", kTarnImageUnreadable},
+      {"empty.xps", dir / "a.pdf", kTarnImageUnreadable},
+      {"corrupt.xps", dir / "a.pdf", kTarnImageUnreadable},
+      {"no pages.xps", dir / "a.pdf", kTarnImageUnreadable},
+      {"ok.xps", dir / "no such folder" / "a.pdf", kTarnImageUnwritable},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.source);
+    EXPECT_EQ(convert(dir / c.source, c.target), c.code);
+  }
+  EXPECT_EQ(test::read_file(dir / "a.pdf"), "kept");
+  EXPECT_EQ(files_in(dir), 5u) << "no partial or temporary file";
+
+  EXPECT_EQ(dll_.XpsToPdfConvert(nullptr, "x.pdf", 15, 0, 0), kTarnImageBadArgument);
+  // The other entry points exist for the loader and do nothing.
+  EXPECT_EQ(dll_.SplitLayersEx("a", "b", 0, 0, 0), kTarnImageNotSupported);
+  EXPECT_EQ(dll_.Backdrop("a", "b", 0, 0, 0), kTarnImageNotSupported);
+  EXPECT_EQ(dll_.EngineConvert("a", "b", 0, 0, 0), kTarnImageNotSupported);
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,83 @@
+#include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
+#include "convutils/DynLoadDll.h"
+#include "support/conversion.h"
+#include "support/run_program.h"
+#include "trace_capture.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+// The test binary's own folder holds no tarnimage.so, so the install folder decides.
+class ConvertXpsToPdf_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    env_.set_env("TARN_TRACE", "85");
+    fs::create_directories(install_);
+    CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt)
+        .write_text(install_.string());
+    test::write_xps(source_, {"Hello XPS", "Zweite Seite"});
+  }
+  void TearDown() override { tarn_image_dll().unload(); }
+
+  void install_library(const fs::path& from) {
+    fs::copy_file(from, install_ / kTarnImageLibrary, fs::copy_options::overwrite_existing);
+  }
+  bool convert() { return ConvertXpsToPdf(source_.string(), target_.string(), 15, 0, 0); }
+  test::trace_capture capture() { return test::trace_capture(env_.root() / "trace"); }
+
+  const fs::path install_ = env_.root() / "inst";
+  const fs::path source_ = env_.tmp() / "Grüße \"Bericht\".xps";
+  const fs::path target_ = env_.tmp() / "Grüße \"Bericht\".pdf";
+};
+
+TEST_F(ConvertXpsToPdf_test, LoadsOnFirstUseTriesAgainUntilThereAndKeepsIt) {
+  auto trace = capture();
+  EXPECT_FALSE(convert());
+  EXPECT_FALSE(convert());
+  EXPECT_EQ(trace.lines(), Lines(2, "2 Can't load tarnimage.so: not found"));
+
+  install_library(test::dist_program(kTarnImageLibrary));
+  EXPECT_TRUE(convert());
+  EXPECT_TRUE(test::pdf_is_valid(target_));
+  EXPECT_EQ(test::pdf_text(target_), "Hello XPS\n\n\fZweite Seite\n\n\f");
+
+  fs::remove(install_ / kTarnImageLibrary);
+  test::write_file(source_, "PK\x03\x04 not really a zip");
+  EXPECT_FALSE(convert()) << "the loaded library stays and reports the bad source";
+  EXPECT_EQ(trace.lines().back(), "2 XpsToPdfConvert failed (-2): " + source_.string());
+}
+
+TEST_F(ConvertXpsToPdf_test, BrokenOrIncompleteLibraryGivesFalseAndStaysUnloaded) {
+  const struct {
+    const char* name;
+    std::string library;  // bytes, or the path of a library to copy
+    const char* reason;
+  } cases[] = {
+      {"not a library", std::string(4096, 'x'), "invalid ELF header"},
+      {"empty file", "", "file too short"},
+      {"lacks Backdrop", std::string(TARN_FAKES_DIR) + "/tarnimage_without_backdrop.so",
+       "no entry point Backdrop"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.library.ends_with(".so")) {
+      install_library(c.library);
+    } else {
+      test::write_file(install_ / kTarnImageLibrary, c.library);
+    }
+    auto trace = capture();
+    EXPECT_FALSE(convert());
+    const Lines lines = trace.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("2 Can't load tarnimage.so: ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+    EXPECT_FALSE(tarn_image_dll().is_loaded());
+  }
+}
+
+}  // namespace
+}  // namespace tarn

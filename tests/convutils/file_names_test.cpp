@@ -1,0 +1,62 @@
+#include <sys/stat.h>
+
+#include <regex>
+
+#include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+class file_names_test : public test::sandboxed_test {};
+
+TEST_F(file_names_test, TempNamesAreFreeAndKeepOnlyXpsAndPdfExtensions) {
+  const struct {
+    const char* input;
+    const char* extension;
+  } cases[] = {{"", ".pdf"},           {"report.XPS", ".XPS"}, {"report.oxps", ".oxps"},
+               {"report.doc", ".pdf"}, {"report", ""},         {"a.b/report", ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.input);
+    std::string name = c.input;
+    ASSERT_TRUE(GetUniqueTempFile(&name));
+    EXPECT_EQ(fs::path(name).parent_path(), env_.tmp());
+    EXPECT_TRUE(std::regex_match(fs::path(name).filename().string(),
+                                 std::regex(std::string("ss_[0-9a-f]{8}") + c.extension)))
+        << name;
+  }
+  // The names were never made, and the files that reserved them are gone.
+  EXPECT_TRUE(fs::is_empty(env_.tmp()));
+
+  env_.set_env("TMPDIR", std::nullopt);
+  fs::create_directories(env_.root() / "run/tarn");
+  chmod((env_.root() / "run/tarn").c_str(), 0777);
+  env_.set_env("XDG_RUNTIME_DIR", (env_.root() / "run").string());
+  std::string name;
+  EXPECT_FALSE(GetUniqueTempFile(&name)) << "a temporary folder others can enter is refused";
+}
+
+TEST_F(file_names_test, InstallPathEndsInASeparatorAndFilesAreLookedForInBinFirst) {
+  std::string path = "stale";
+  EXPECT_FALSE(ReadInstallPath(&path));
+  EXPECT_EQ(path, "");
+  const fs::path install = env_.root() / "Grüße inst";
+  CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt)
+      .write_text(install.string());
+  EXPECT_TRUE(ReadInstallPath(&path, 0));
+  EXPECT_EQ(path, install.string() + "/");
+
+  EXPECT_EQ(FindInstalledFile(path, "tarnprint", "bin"), "");
+  test::write_file(install / "tarnprint", "x");
+  EXPECT_EQ(FindInstalledFile(path, "tarnprint", "bin"), path + "tarnprint");
+  test::write_file(install / "bin" / "tarnprint", "x");
+  EXPECT_EQ(FindInstalledFile(path, "tarnprint", "bin"), path + "bin/tarnprint");
+  // No install folder must not become a search of the current directory.
+  EXPECT_EQ(FindInstalledFile("", "tarnprint", "bin"), "");
+}
+
+}  // namespace
+}  // namespace tarn

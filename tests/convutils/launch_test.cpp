@@ -1,0 +1,200 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <QTimer>
+#include <QWidget>
+#include <functional>
+
+#include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
+#include "platform/self_exe.h"
+#include "support/conversion.h"
+#include "support/run_program.h"
+#include "trace_capture.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+// Opening a FIFO for writing waits for its reader; closing it ends the reader's wait.
+void release(const fs::path& fifo) { close(open(fifo.c_str(), O_WRONLY | O_CLOEXEC)); }
+
+bool no_children_left() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// The install folder holds this test binary as tarnassist or tarnprint, which it then plays
+// (support/conversion.h).
+class launch_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    env_.set_env("TARN_TRACE", "85");
+    fs::create_directories(install_ / "bin");
+    set_install_path(install_.string() + "/");
+    mkfifo(fifo_.c_str(), 0600);
+  }
+  void set_install_path(const std::string& path) {
+    CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt).write_text(path);
+  }
+  void install_as(const fs::path& relative) {
+    fs::create_symlink(self_exe_path(), install_ / relative);
+  }
+  test::trace_capture capture() { return test::trace_capture(env_.root() / "trace"); }
+
+  const fs::path install_ = env_.root() / "inst";
+  const fs::path fifo_ = env_.tmp() / "fifo";
+  const std::string source_ = (env_.tmp() / "Bericht \"final\" Grüße.docx").string();
+  const std::string target_ = (env_.tmp() / "Bericht Grüße.pdf").string();
+};
+
+TEST_F(launch_test, CheckCommandLineLooksOnlyAtTheFirstQuotedText) {
+  test::write_file(target_, "");
+  const struct {
+    std::string line;
+    bool passes;
+  } cases[] = {
+      {"no quotes at all /nonexistent", true},
+      {"\"/nonexistent/missing.pdf\"", false},
+      {"\"https://example.com/a b\" x", true},
+      {"\"ftp:x\"", true},
+      {"\"HTTPS://example.com\"", false},
+      {"open \"" + target_ + "\" \"/nonexistent/second\"", true},
+      {"\"unclosed /nonexistent", true},
+      {std::string(4096, 'a'), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line.substr(0, 60));
+    std::string checked = "untouched";
+    EXPECT_EQ(CheckCommandLine(c.line, &checked), c.passes);
+    EXPECT_EQ(checked, c.passes ? c.line : "untouched");
+  }
+}
+
+TEST_F(launch_test, AssistantStartsDetachedOnTheSplitLineOnlyWhenItMay) {
+  install_as("tarnassist");
+  env_.set_env("TARN_FAKE_RECORD", fifo_.string());
+  test::write_file(target_, "");
+  {
+    auto trace = capture();
+    LaunchConverter("\"" + target_ + "\" /second", false, nullptr);
+    EXPECT_EQ(test::read_file(fifo_), target_ + "\n/second\n");
+    LaunchConverter("\"/nonexistent/ss_1.txt\"", false, nullptr);
+    set_install_path("");
+    LaunchConverter("ss_1.txt", false, nullptr);
+    EXPECT_EQ(trace.lines(), Lines{"2 ERROR: Invalid commandline parameter"});
+  }
+  EXPECT_TRUE(no_children_left());
+}
+
+TEST_F(launch_test, ModalAssistantDisablesItsParentWhileTheEventLoopRuns) {
+  install_as("tarnassist");
+  env_.set_env("TARN_FAKE_BLOCK", fifo_.string());
+  QWidget parent;
+  bool enabled_while_waiting = true;
+  auto trace = capture();
+  QTimer::singleShot(0, [&] {
+    enabled_while_waiting = parent.isEnabled();
+    release(fifo_);
+  });
+  LaunchConverter("ss_1.txt", true, &parent);
+  EXPECT_FALSE(enabled_while_waiting);
+  EXPECT_TRUE(parent.isEnabled());
+  QTimer::singleShot(0, [&] { release(fifo_); });
+  LaunchConverter("ss_1.txt", true, nullptr);
+  EXPECT_EQ(trace.lines(),
+            Lines{"1 ALERT: LaunchConverter should be modal, but the parent window is invalid"});
+  EXPECT_TRUE(no_children_left());
+}
+
+TEST_F(launch_test, PrintHelperOutcomesAreTracedLineByLine) {
+  const std::string helper = install_.string() + "/bin/tarnprint";
+  const Lines start = {"0 TarnPrintHelper: " + helper,
+                       "0 Cmd line: /p \"" + target_ + ".src\" \"" + target_ + "\" /noviewpdf",
+                       "0 ShellExecuteEx"};
+  const Lines started = {start[0], start[1], start[2],
+                         "0 ShellExecuteEx returned true, vaiting for process to exit"};
+  auto with = [](Lines lines, const Lines& more) {
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
+  };
+  const struct {
+    const char* name;
+    std::function<void()> helper;
+    const char* content;  // what the stand-in helper does with the source
+    Lines lines;
+  } cases[] = {
+      {"prints", [&] { install_as("bin/tarnprint"); }, "text",
+       with(started, {"0 GetExitCodeProcess returned 0", "0 Print Succeeded"})},
+      {"fails", [] {}, "FAIL", with(started, {"2 Print failed"})},
+      {"writes nothing", [] {}, "SILENT",
+       with(started, {"0 GetExitCodeProcess returned 0", "2 Printed file not found"})},
+      {"missing", [&] { fs::remove(helper); }, "text", {"0 TarnPrintHelper: "}},
+      // Not executable: execve refuses it even to root.
+      {"broken", [&] { test::write_file(helper, "#!/bin/sh\n"); }, "text",
+       with(start, {"2 ShellExecuteEx returned false",
+                    "2 can't start " + helper + ": Permission denied"})},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.helper();
+    test::write_file(target_ + ".src", std::string(c.content) + "\n");
+    fs::remove(target_);
+    auto trace = capture();
+    const bool printed = PrintPDFWithHelper(target_ + ".src", target_, false, false, 3, 0);
+    EXPECT_EQ(trace.lines(), with(c.lines, {"0 PrintPDFWithHelper exit"}));
+    EXPECT_EQ(printed, c.lines.back() == "0 Print Succeeded");
+    EXPECT_EQ(fs::exists(target_), printed);
+  }
+  EXPECT_TRUE(no_children_left());
+}
+
+TEST_F(launch_test, PrintHelperGetsAnyPathWholeWhileTheEventLoopRuns) {
+  install_as("tarnprint");
+  env_.set_env("TARN_FAKE_RECORD", (env_.tmp() / "record").string());
+  const std::string target = (env_.tmp() / "out dir\\").string();
+  test::write_file(source_, "BLOCK " + fifo_.string() + "\n");
+  bool timer_ran = false;
+  // The helper finishes only once this timer has run inside the wait.
+  QTimer::singleShot(0, [&] {
+    timer_ran = true;
+    release(fifo_);
+  });
+  EXPECT_TRUE(PrintPDFWithHelper(source_, target, false, false));
+  EXPECT_TRUE(timer_ran);
+  EXPECT_EQ(test::read_file(env_.tmp() / "record"),
+            "/p\n" + source_ + "\n" + target + "\n/noviewpdf\n");
+}
+
+TEST_F(launch_test, HungPrintHelperIsEndedAndLeavesNoPartialPdf) {
+  install_as("bin/tarnprint");
+  CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
+              "print_helper_timeout", DWORD{0})
+      .write_number(1);
+  test::write_file(source_, "HANG\n");
+  auto trace = capture();
+  EXPECT_FALSE(PrintPDFWithHelper(source_, target_, false, false));
+  const Lines lines = trace.lines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[4], "2 Print helper still running after 1 s, ending it");
+  EXPECT_EQ(lines[5], "2 Print failed");
+  EXPECT_FALSE(fs::exists(target_));
+  EXPECT_TRUE(no_children_left());
+}
+
+TEST_F(launch_test, RealPrintHelperTurnsADocumentIntoAPdf) {
+  fs::create_symlink(test::dist_program("tarnprint"), install_ / "bin" / "tarnprint");
+  test::write_file(source_ + ".txt", "Grüße aus der Textdatei\n");
+  EXPECT_TRUE(PrintPDFWithHelper(source_ + ".txt", target_, false, false));
+  EXPECT_TRUE(test::pdf_is_valid(target_));
+  EXPECT_EQ(test::pdf_text(target_), "Grüße aus der Textdatei\n\n\f");
+
+  auto trace = capture();
+  EXPECT_FALSE(PrintPDFWithHelper(source_ + ".missing", target_ + "2", false, false));
+  EXPECT_EQ(trace.lines().at(4), "2 Print failed");
+  EXPECT_FALSE(fs::exists(target_ + "2"));
+  test::end_office_worker(env_.tmp());
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,34 @@
+#include "platform/process_launch.h"
+
+#include <gtest/gtest.h>
+
+namespace tarn {
+namespace {
+
+TEST(process_launch_test, SplitsLikeTheStartedProgramsRuntime) {
+  const struct {
+    const char* line;
+    std::vector<std::string> args;
+  } cases[] = {
+      {"  \t ", {}},
+      {R"("a b c" d e)", {"a b c", "d", "e"}},
+      {R"("ab\"c" "\\" d)", {"ab\"c", "\\", "d"}},
+      {R"(a\\\b d"e f"g h)", {"a\\\\\\b", "de fg", "h"}},
+      {R"(a\\\"b c d)", {"a\\\"b", "c", "d"}},
+      {R"(a\\\\"b c" d e)", {"a\\\\b c", "d", "e"}},
+      {R"(a"b"" c d)", {"ab\" c d"}},
+      {R"(/p "/home/u/My Docs/a.docx" "/t/a.pdf" /noviewpdf)",
+       {"/p", "/home/u/My Docs/a.docx", "/t/a.pdf", "/noviewpdf"}},
+      {R"(x "" "unclosed runs to the end)", {"x", "", "unclosed runs to the end"}},
+      {"\"Grüße/日本.docx\"", {"Grüße/日本.docx"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    EXPECT_EQ(split_command_line(c.line), c.args);
+  }
+  // An ordinary path only gains its quotes, as the helper's command line always had them.
+  EXPECT_EQ(quote_argument("/home/u/My Docs/a b.docx"), "\"/home/u/My Docs/a b.docx\"");
+}
+
+}  // namespace
+}  // namespace tarn

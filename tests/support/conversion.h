@@ -1,0 +1,37 @@
+// Support for the tests of the conversion path: small XPS packages built on the spot, judges
+// of PDF files (qpdf --check, pdftotext), and stand-ins for the product's helper programs at
+// their command-line contract.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarn::test {
+
+// A zip with _rels/.rels, FixedDocumentSequence.fdseq, Documents/1/FixedDocument.fdoc and one
+// FixedPage per text, each a Glyphs line in DejaVu Sans embedded as the page's font. OXPS
+// uses that format's namespaces instead.
+void write_xps(const std::filesystem::path& file, const std::vector<std::string>& page_texts,
+               bool oxps = false);
+void write_zip(const std::filesystem::path& file,
+               const std::vector<std::pair<std::string, std::string>>& entries);
+
+bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
+std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
+
+// Ends the warm office that the real tarnprint started under the private temporary folder
+// `tmp`, and waits until it is gone.
+void end_office_worker(const std::filesystem::path& tmp);
+
+// When this process was started as "tarnprint" or "tarnassist" (by its file name), plays
+// that program and returns true with its exit code.
+//   tarnprint /p SRC DST /noviewpdf: acts on SRC's first line: "FAIL" exits 2 with a message;
+//     "SILENT" exits 0 writing nothing; "HANG" writes half a PDF and waits for a signal;
+//     "BLOCK <fifo>" reads the FIFO to its end first; anything else writes a small PDF.
+//   tarnassist ARGS: with TARN_FAKE_BLOCK set, reads that FIFO to its end; exits 0.
+// Both write their arguments, one a line, to $TARN_FAKE_RECORD when it is set.
+bool play_helper_program(int argc, char** argv, int* exit_code);
+
+}  // namespace tarn::test

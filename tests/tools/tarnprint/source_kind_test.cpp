@@ -1,0 +1,97 @@
+#include "source_kind.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace tarn {
+namespace {
+
+using namespace std::string_literals;
+
+std::string random_bytes(size_t size, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(gen() & 0xFF);
+  return bytes;
+}
+
+TEST(source_kind_test, JudgesByContent) {
+  const struct {
+    const char* label;
+    std::string head;
+    source_kind kind;
+  } cases[] = {
+      {"empty", "", source_kind::empty},
+      {"pdf", "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", source_kind::pdf},
+      {"pdf after junk", std::string(700, 'x') + "%PDF-1.4\n", source_kind::pdf},
+      {"pdf marker too late", std::string(1100, 'x') + "%PDF-1.4\n", source_kind::text},
+      {"zip package", "PK\x03\x04\x14\x00\x06\x00"s, source_kind::package},
+      {"ole2", "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1\x00\x00"s, source_kind::package},
+      {"rtf", "{\\rtf1\\ansi Hello}", source_kind::package},
+      {"png", "\x89PNG\r\n\x1A\n\x00\x00\x00\x0DIHDR"s, source_kind::image},
+      {"jpeg", "\xFF\xD8\xFF\xE0\x00\x10JFIF"s, source_kind::image},
+      {"gif87", "GIF87a\x10\x00"s, source_kind::image},
+      {"gif89", "GIF89a\x10\x00"s, source_kind::image},
+      {"tiff little-endian", "II*\x00\x08\x00\x00\x00"s, source_kind::image},
+      {"tiff big-endian", "MM\x00*\x00\x00\x00\x08"s, source_kind::image},
+      {"utf-8 text",
+       "Gr\xC3\xBC\xC3\x9F"
+       "e, 42\n",
+       source_kind::text},
+      {"utf-8 cut in a sequence", "Gr\xC3\xBC\xC3", source_kind::text},
+      {"latin-1 text",
+       "Gr\xFC\xDF"
+       "e aus K\xF6ln\r\n",
+       source_kind::text},
+      {"utf-16 with bom", "\xFF\xFEH\x00i\x00"s, source_kind::text},
+      {"html", "<!DOCTYPE html><html><body>x</body></html>", source_kind::text},
+      {"nul byte",
+       "abc\x00"
+       "def"s,
+       source_kind::unknown},
+      {"control characters", std::string(50, 'a') + "\x01\x02\x03", source_kind::unknown},
+      {"random bytes", random_bytes(5000, 7), source_kind::unknown},
+      {"short random bytes", random_bytes(40, 11), source_kind::unknown},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(sniff_source(c.head), c.kind);
+  }
+}
+
+TEST(source_kind_test, Utf8CheckKnowsCutSequencesOnlyWhenAsked) {
+  EXPECT_TRUE(
+      is_utf8("Gr\xC3\xBC\xC3\x9F"
+              "e"));
+  EXPECT_FALSE(is_utf8("Gr\xC3"));
+  EXPECT_TRUE(is_utf8("Gr\xC3", /*allow_cut_end=*/true));
+  EXPECT_FALSE(is_utf8("caf\xE9.txt", true));
+  EXPECT_FALSE(is_utf8("\xC0\xAF", true));  // overlong "/"
+}
+
+TEST(source_kind_test, CsvLayoutFromNameAndFirstLine) {
+  const struct {
+    const char* name;
+    std::string head;
+    std::optional<int> separator;  // nullopt: not read as CSV
+    int charset;
+  } cases[] = {
+      {"a.txt", "x,y\n", std::nullopt, 0},          {"a.csv.txt", "x,y\n", std::nullopt, 0},
+      {"a.csv", "name,amount\n1;2;3;4\n", ',', 76}, {"A.CSV", "name;amount;total\n", ';', 76},
+      {"a.csv", "name\tamount\n", '\t', 76},        {"a.csv", "\"1,5\";\"2,5\";x\n", ';', 76},
+      {"a.csv", "single column\n", ',', 76},        {"a.csv", "\xEF\xBB\xBFname;amount\n", ';', 76},
+      {"a.csv", "K\xF6ln;M\xFCnchen\n", ';', 1},    {"a.csv", "\xFF\xFEn\x00;\x00"s, ',', 65535},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + " " + c.head);
+    auto layout = csv_layout_of(c.name, c.head);
+    ASSERT_EQ(layout.has_value(), c.separator.has_value());
+    if (!layout) continue;
+    EXPECT_EQ(layout->separator, *c.separator);
+    EXPECT_EQ(layout->charset, c.charset);
+  }
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,432 @@
+// tarnprint end to end, on the real LibreOffice, qpdf and poppler-utils. The cases of
+// tarnprint_test share one sandbox and its warm office; office_lifecycle_test cases each have a
+// sandbox, and so a worker, of their own. Every worker started here is ended here.
+#include <fcntl.h>
+#include <gif_lib.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <QImage>
+
+#include <future>
+#include <regex>
+#include <set>
+
+#include "convutils/CConvRegKey.h"
+#include "office_client.h"
+#include "office_paths.h"
+#include "support/run_program.h"
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using test::program_result;
+using test::run_program;
+
+// Names with blanks, quotes and letters outside ASCII, as users give them.
+const std::string kStem = "Bericht \"Q3\" – Grüße";
+
+std::string system_tool(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
+  for (size_t begin = 0; begin <= dirs.size();) {
+    size_t end = dirs.find(':', begin);
+    if (end == std::string::npos) end = dirs.size();
+    fs::path candidate = fs::path(dirs.substr(begin, end - begin)) / name;
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+    begin = end + 1;
+  }
+  ADD_FAILURE() << name << " is missing; scripts/install-deps.sh test installs it";
+  return name;
+}
+
+program_result tarnprint(const fs::path& src, const fs::path& dst) {
+  return run_program({test::dist_program("tarnprint"), "/p", src, dst, "/noviewpdf"});
+}
+
+std::string pdf_text(const fs::path& pdf) {
+  return run_program({system_tool("pdftotext"), "-enc", "UTF-8", pdf, "-"}).out;
+}
+
+size_t pdf_images(const fs::path& pdf) {
+  const std::string list = run_program({system_tool("pdfimages"), "-list", pdf}).out;
+  const auto lines = std::count(list.begin(), list.end(), '\n');
+  return lines > 2 ? static_cast<size_t>(lines - 2) : 0;  // two header lines
+}
+
+std::set<std::string> names_in(const fs::path& dir) {
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) names.insert(entry.path().filename());
+  return names;
+}
+
+office_settings test_settings() {
+  office_settings settings = read_office_settings();
+  settings.worker_program = test::dist_program("tarnoffice");
+  return settings;
+}
+
+fs::path runtime_dir() {
+  std::string err;
+  auto paths = office_runtime(&err);
+  EXPECT_TRUE(paths) << err;
+  return paths ? paths->dir : fs::path();
+}
+
+// Pids of the workers started in this sandbox, in order, from their log.
+std::vector<pid_t> started_workers() {
+  std::vector<pid_t> pids;
+  const std::string log = test::read_file(runtime_dir() / "office.log");
+  static const std::regex kStart(R"(tarnoffice (\d+): starting)");
+  for (std::sregex_iterator it(log.begin(), log.end(), kStart), end; it != end; ++it)
+    pids.push_back(std::stoi((*it)[1]));
+  return pids;
+}
+
+// True once `pid` has ended; the limit only keeps a broken test from hanging.
+bool ended(pid_t pid, std::chrono::seconds limit = std::chrono::seconds(60)) {
+  int fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (fd < 0) return errno == ESRCH;
+  pollfd p{fd, POLLIN, 0};
+  const int ready = ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(limit).count()));
+  ::close(fd);
+  return ready > 0;
+}
+
+void set_print_setting(const char* name, DWORD value) {
+  CConvRegKey(reg_root::current_user, kPrintSettingsKey, name, DWORD{0}).write_number(value);
+}
+
+void write_gif(const fs::path& path) {
+  int error = 0;
+  GifFileType* gif = EGifOpenFileName(path.c_str(), false, &error);
+  ASSERT_NE(gif, nullptr) << GifErrorString(error);
+  GifColorType colors[2] = {{0, 0, 0}, {255, 200, 0}};
+  ColorMapObject* map = GifMakeMapObject(2, colors);
+  EGifPutScreenDesc(gif, 64, 32, 1, 0, map);
+  EGifPutImageDesc(gif, 0, 0, 64, 32, false, nullptr);
+  GifPixelType row[64];
+  for (int y = 0; y < 32; ++y) {
+    for (int x = 0; x < 64; ++x) row[x] = static_cast<GifPixelType>((x / 8 + y / 8) % 2);
+    EGifPutLine(gif, row, 64);
+  }
+  EXPECT_EQ(EGifCloseFile(gif, &error), GIF_OK);
+  GifFreeMapObject(map);
+}
+
+void write_image(const fs::path& path, const char* format) {
+  QImage image(160, 90, QImage::Format_RGB32);
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) image.setPixel(x, y, qRgb(x, y * 2, 128));
+  ASSERT_TRUE(image.save(QString::fromStdString(path.string()), format)) << path;
+}
+
+constexpr const char* kFlatText = R"(<?xml version="1.0" encoding="UTF-8"?>
+<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.text">
+<office:body><office:text><text:p>Writer Grüße 105</text:p></office:text></office:body></office:document>
+)";
+constexpr const char* kFlatSheet = R"(<?xml version="1.0" encoding="UTF-8"?>
+<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:table="urn:oasis:names:tc:opendocument:xmlns:table:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.spreadsheet">
+<office:body><office:spreadsheet><table:table table:name="Ledger"><table:table-row>
+<table:table-cell office:value-type="string"><text:p>Calc</text:p></table:table-cell>
+<table:table-cell office:value-type="string"><text:p>Grüße</text:p></table:table-cell>
+<table:table-cell office:value-type="float" office:value="106"><text:p>106</text:p></table:table-cell>
+</table:table-row></table:table></office:spreadsheet></office:body></office:document>
+)";
+constexpr const char* kFlatSlides = R"(<?xml version="1.0" encoding="UTF-8"?>
+<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:draw="urn:oasis:names:tc:opendocument:xmlns:drawing:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" xmlns:svg="urn:oasis:names:tc:opendocument:xmlns:svg-compatible:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.presentation">
+<office:body><office:presentation><draw:page draw:name="One"><draw:frame svg:x="2cm" svg:y="2cm" svg:width="20cm" svg:height="3cm"><draw:text-box><text:p>Impress Grüße 107</text:p></draw:text-box></draw:frame></draw:page></office:presentation></office:body></office:document>
+)";
+
+class tarnprint_test : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    env_ = std::make_unique<test::scoped_test_env>();
+    const fs::path dir = env_->root() / "in";
+    auto in = [&](const std::string& ext) { return dir / (kStem + "." + ext); };
+    test::write_file(in("txt"), "Plain text Grüße 101\n");
+    test::write_file(in("csv"), "Name;Amount\nWidget Grüße;102\n");
+    test::write_file(in("html"), "<html><body><h1>Heading Grüße</h1><p>Para 103</p></body></html>");
+    test::write_file(in("rtf"),
+                     "{\\rtf1\\ansi{\\fonttbl\\f0 Times;}\\f0 Rich text 104 Gr\\'fc\\'dfe\\par}");
+    test::write_file(in("fodt"), kFlatText);
+    test::write_file(in("fods"), kFlatSheet);
+    test::write_file(in("fodp"), kFlatSlides);
+
+    // The first run starts the worker, from a process holding a descriptor without CLOEXEC.
+    marker_ = env_->root() / "inherited-marker";
+    const int marker = ::open(marker_.c_str(), O_CREAT | O_RDWR, 0600);
+    ASSERT_GE(marker, 0);
+    auto r = tarnprint(in("txt"), env_->root() / "warm-up.pdf");
+    ::close(marker);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+
+    const struct {
+      const char* flat;
+      const char* format;
+    } made[] = {{"fodt", "docx"}, {"fodt", "doc"}, {"fodt", "odt"}, {"fodt", "pdf"},
+                {"fods", "xlsx"}, {"fods", "xls"}, {"fods", "ods"}, {"fodp", "pptx"},
+                {"fodp", "ppt"},  {"fodp", "odp"}};
+    for (const auto& m : made) {
+      const auto outcome =
+          convert_with_office({in(m.flat), in(m.format), m.format, std::nullopt}, test_settings());
+      ASSERT_EQ(outcome.status, office_status::ok) << m.format << ": " << outcome.message;
+    }
+    write_image(in("png"), "PNG");
+    write_image(in("jpg"), "JPEG");
+    write_image(in("tiff"), "TIFF");
+    write_gif(in("gif"));
+  }
+
+  static void TearDownTestSuite() {
+    std::string err;
+    EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
+    env_.reset();
+  }
+
+  void SetUp() override {
+    out_ = env_->root() / "out" / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::create_directories(out_);
+  }
+
+  static fs::path in(const std::string& ext) { return env_->root() / "in" / (kStem + "." + ext); }
+
+  static inline std::unique_ptr<test::scoped_test_env> env_;
+  static inline fs::path marker_;
+  fs::path out_;
+};
+
+// Checks the failure contract: the exit code, one line naming `culprit`, and nothing written.
+void expect_clean_failure(const program_result& r, int exit_code, const std::string& culprit,
+                          const std::string& reason, const fs::path& out) {
+  EXPECT_EQ(r.exit_code, exit_code) << r.err;
+  EXPECT_EQ(r.err.rfind("tarnprint: ", 0), 0u) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_NE(r.err.find(culprit), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(reason), std::string::npos) << r.err;
+  EXPECT_TRUE(names_in(out).empty());
+}
+
+TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
+  fs::copy_file(in("docx"), out_.parent_path() / "docx named.pdf");
+  fs::copy_file(in("pdf"), out_.parent_path() / "pdf named.docx");
+  fs::copy_file(in("png"), out_.parent_path() / "png named.txt");
+  fs::copy_file(in("rtf"), out_.parent_path() / "rtf named.txt");
+  const struct {
+    fs::path src;
+    std::vector<std::string> text;  // empty: an image, which has none
+  } cases[] = {
+      {in("docx"), {"Writer", "Grüße", "105"}},
+      {in("doc"), {"Writer", "Grüße", "105"}},
+      {in("odt"), {"Writer", "Grüße", "105"}},
+      {in("rtf"), {"Rich text 104", "Grüße"}},
+      {in("txt"), {"Plain text Grüße 101"}},
+      {in("html"), {"Heading Grüße", "Para 103"}},
+      {in("xlsx"), {"Calc", "Grüße", "106"}},
+      {in("xls"), {"Calc", "Grüße", "106"}},
+      {in("ods"), {"Calc", "Grüße", "106"}},
+      {in("csv"), {"Widget Grüße", "102", "Amount"}},
+      {in("pptx"), {"Impress Grüße 107"}},
+      {in("ppt"), {"Impress Grüße 107"}},
+      {in("odp"), {"Impress Grüße 107"}},
+      {in("pdf"), {"Writer", "Grüße", "105"}},
+      {in("png"), {}},
+      {in("jpg"), {}},
+      {in("gif"), {}},
+      {in("tiff"), {}},
+      {out_.parent_path() / "docx named.pdf", {"Writer", "Grüße", "105"}},
+      {out_.parent_path() / "pdf named.docx", {"Writer", "Grüße", "105"}},
+      {out_.parent_path() / "png named.txt", {}},
+      {out_.parent_path() / "rtf named.txt", {"Rich text 104"}},
+  };
+  std::set<std::string> written;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.src.filename().string());
+    const fs::path dst = out_ / ("Ausgabe 'ü' " + c.src.filename().string() + ".pdf");
+    const auto r = tarnprint(c.src, dst);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(run_program({system_tool("qpdf"), "--check", dst}).exit_code, 0);
+    const std::string text = pdf_text(dst);
+    for (const auto& word : c.text) {
+      EXPECT_NE(text.find(word), std::string::npos) << word << " in\n" << text;
+    }
+    if (c.text.empty()) {
+      EXPECT_GE(pdf_images(dst), 1u);
+    }
+    written.insert(dst.filename());
+  }
+  EXPECT_EQ(names_in(out_), written);  // and no temporary file beside them
+}
+
+TEST_F(tarnprint_test, BadSourcesFailCleanly) {
+  const fs::path dir = out_.parent_path() / "bad sources";
+  fs::create_directories(dir);
+  std::string docx = test::read_file(in("docx"));
+  test::write_file(dir / "cut \"short\".docx", docx.substr(0, docx.size() / 2));
+  test::write_file(dir / "empty.docx", "");
+  std::string noise(4096, '\0');
+  for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 7919 + 13) % 251);
+  test::write_file(dir / "noise.docx", noise);
+  test::write_file(dir / "broken.pdf", "%PDF-1.4\n1 0 obj <</Type /Catalog\nno end\n");
+  test::write_file(dir / "caf\xE9 latin-1.txt", "Text whose name isn't UTF-8\n");
+  ASSERT_EQ(run_program({system_tool("qpdf"), "--encrypt", "user-pw", "owner-pw", "256", "--",
+                         in("pdf"), dir / "locked.pdf"})
+                .exit_code,
+            0);
+  const struct {
+    fs::path src;
+    const char* reason;
+  } cases[] = {
+      {dir / "cut \"short\".docx", "the office can't read it"},
+      {dir / "empty.docx", "is empty"},
+      {dir / "noise.docx", "is not a PDF, an office document, an image or text"},
+      {dir / "broken.pdf", "is damaged"},
+      {dir / "locked.pdf", "protected by a password"},
+      {dir / "missing.odt", "No such file or directory"},
+      {dir / "caf\xE9 latin-1.txt", "only UTF-8 file names"},
+      {dir, "not a file"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.src.filename().string());
+    const auto r = tarnprint(c.src, out_ / "result.pdf");
+    expect_clean_failure(r, 1, "\"" + c.src.string() + "\"", c.reason, out_);
+  }
+}
+
+TEST_F(tarnprint_test, UnwritableTargetsFailCleanly) {
+  std::vector<std::pair<fs::path, std::string>> cases = {
+      {"/sys/tarnprint-test.pdf", "can't write"},
+      {out_ / "no such folder" / "x.pdf", "No such file or directory"},
+      {out_, "is a folder"},
+  };
+  const fs::path locked = out_.parent_path() / "read-only folder";
+  fs::create_directories(locked);
+  fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
+  // The superuser writes into a read-only folder all the same.
+  if (::geteuid() != 0) cases.emplace_back(locked / "x.pdf", "Permission denied");
+  for (const auto& [dst, reason] : cases) {
+    SCOPED_TRACE(dst.string());
+    const auto r = tarnprint(in("txt"), dst);
+    expect_clean_failure(r, 3, "\"" + dst.string() + "\"", reason, out_);
+  }
+  EXPECT_TRUE(names_in(locked).empty());
+}
+
+TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
+  const std::string src = in("txt"), dst = out_ / "x.pdf";
+  const struct {
+    std::vector<std::string> args;
+    const char* culprit;
+  } cases[] = {
+      {{}, "/p is missing"},
+      {{"/p", src}, "SOURCE and TARGET"},
+      {{src, dst, "/noviewpdf"}, "/p is missing"},
+      {{"/m", src, dst, "/noviewpdf"}, "/m is not supported"},
+      {{"/p", src, dst, "/viewpdf"}, "/viewpdf is not supported"},
+      {{"/p", src, dst, "/noviewpdf", "/x"}, "unexpected argument \"/x\""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.culprit);
+    std::vector<std::string> args = c.args;
+    args.insert(args.begin(), test::dist_program("tarnprint"));
+    expect_clean_failure(run_program(args), 2, c.culprit, "usage: tarnprint /p SOURCE TARGET",
+                         out_);
+  }
+  // Switches ignore case, as the callers' platform does.
+  EXPECT_EQ(run_program({test::dist_program("tarnprint"), "/P", src, dst, "/NOVIEWPDF"}).exit_code,
+            0);
+  const auto help = run_program({test::dist_program("tarnprint"), "--help"});
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("Usage: tarnprint /p SOURCE TARGET"), std::string::npos);
+}
+
+TEST_F(tarnprint_test, WorkerIsPrivateAndHoldsNothingOfItsCaller) {
+  const auto pids = started_workers();
+  ASSERT_EQ(pids.size(), 1u);
+  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pids[0]) + "/fd")) {
+    std::error_code ec;
+    EXPECT_NE(fs::read_symlink(entry.path(), ec), marker_) << entry.path();
+  }
+  struct stat st;
+  ASSERT_EQ(::stat(runtime_dir().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  ASSERT_EQ(::stat((runtime_dir() / "office.sock").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_uid, ::getuid());
+  EXPECT_EQ(st.st_mode & 077, 0u);
+}
+
+class office_lifecycle_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    src_ = env_.root() / "note.txt";
+    test::write_file(src_, "Lifecycle Grüße\n");
+    out_ = env_.root() / "out";
+    fs::create_directories(out_);
+  }
+  void TearDown() override {
+    std::string err;
+    EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
+  }
+  fs::path src_, out_;
+};
+
+TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
+  set_print_setting("OfficeMaxConversions", 2);
+  // A temporary folder whose socket path doesn't fit a socket address.
+  const fs::path deep = env_.tmp() / std::string(60, 'd') / std::string(60, 'e');
+  fs::create_directories(deep);
+  fs::permissions(deep, fs::perms::owner_all);
+  env_.set_env("TMPDIR", deep.string());
+  ASSERT_GT((runtime_dir() / "office.sock").string().size(), sizeof(sockaddr_un::sun_path));
+  // Two runs that find no worker at the same moment start one between them.
+  auto first = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "1.pdf"); });
+  auto second = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "2.pdf"); });
+  EXPECT_EQ(first.get().exit_code, 0);
+  EXPECT_EQ(second.get().exit_code, 0);
+  auto pids = started_workers();
+  ASSERT_EQ(pids.size(), 1u);
+  EXPECT_TRUE(ended(pids[0])) << "a worker exits after its last document";
+
+  EXPECT_EQ(tarnprint(src_, out_ / "3.pdf").exit_code, 0);
+  pids = started_workers();
+  ASSERT_EQ(pids.size(), 2u);
+  ASSERT_EQ(::kill(pids[1], SIGKILL), 0);
+  ASSERT_TRUE(ended(pids[1]));
+
+  const auto r = tarnprint(src_, out_ / "4.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(started_workers().size(), 3u);
+  EXPECT_EQ(names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf", "3.pdf", "4.pdf"}));
+}
+
+TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsAfresh) {
+  set_print_setting("ConvertTimeoutSeconds", 1);
+  env_.set_env("TARN_OFFICE_TEST_STALL", "1");
+  auto r = tarnprint(src_, out_ / "hung.pdf");
+  expect_clean_failure(r, 4, "\"" + src_.string() + "\"", "took longer than 1 second", out_);
+  EXPECT_FALSE(fs::exists(src_.parent_path() / ".~lock.note.txt#")) << "the office's lock file";
+  auto pids = started_workers();
+  ASSERT_EQ(pids.size(), 1u);
+  EXPECT_TRUE(ended(pids[0], std::chrono::seconds(0))) << "tarnprint kills the hung worker";
+
+  env_.set_env("TARN_OFFICE_TEST_STALL", std::nullopt);
+  set_print_setting("OfficeIdleSeconds", 1);
+  r = tarnprint(src_, out_ / "fine.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  pids = started_workers();
+  ASSERT_EQ(pids.size(), 2u);
+  EXPECT_TRUE(ended(pids[1])) << "an idle worker exits";
+  EXPECT_NE(test::read_file(runtime_dir() / "office.log").find("idle for 1 s; exiting"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarn

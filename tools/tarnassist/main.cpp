@@ -1,0 +1,240 @@
+// tarnassist: the conversion assistant. Reads the list file the gateway hands over, converts
+// each listed file to PDF into the user's documents folder, and with Delete=1 cleans up the
+// hand-over: each copy once its PDF exists, and the list itself once nothing is left to retry.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "assistant.h"
+#include "convutils/ConvUtils.h"
+#include "list_file.h"
+#include "platform/private_temp.h"
+#include "platform/self_exe.h"
+#include "platform/unique_fd.h"
+#include "platform/user_dirs.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kExitOk = 0;
+constexpr int kExitSomeFailed = 1;
+constexpr int kExitBadInput = 2;
+constexpr int kExitInterrupted = 130;
+constexpr const char* kOutputFolder = "Tarn PDF";
+
+constexpr const char* kDescription =
+    "Converts the files named in a list file to PDF.\n\n"
+    "The list is what the Vantu Tarn gateway hands over:\n"
+    "  [FILES]\n"
+    "  Count=2\n"
+    "  Delete=1\n"
+    "  1=\"/run/user/1000/tarn/contract.docx\"\n"
+    "  2=\"/run/user/1000/tarn/offer.xps\"\n"
+    "Each file becomes a PDF of the same name in the \"Tarn PDF\" folder of your documents\n"
+    "folder (xdg-user-dir DOCUMENTS, else ~/Documents); an existing PDF is never replaced, the\n"
+    "new one is called \"name (2).pdf\" and so on. Documents go through tarnprint, XPS and\n"
+    "OXPS files through tarnimage.so, both from tarnassist's own folder.\n\n"
+    "With Delete=1 each listed copy that lies in the private temporary folder is deleted once\n"
+    "its PDF exists. The list file itself is deleted when every file is done; when some failed\n"
+    "it is rewritten to name only those, so that running tarnassist on it again retries them.\n"
+    "Without Delete=1 neither the files nor the list are touched.\n\n"
+    "Exit codes: 0 every file converted, 1 some failed, 2 bad usage or an unreadable list,\n"
+    "130 interrupted.";
+
+std::string seconds_text(std::chrono::steady_clock::duration elapsed) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", std::chrono::duration<double>(elapsed).count());
+  return text;
+}
+
+bool read_bytes(const fs::path& file, std::string* bytes, std::string* err) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) {
+    *err = std::strerror(errno);
+    return false;
+  }
+  std::ostringstream out;
+  out << in.rdbuf();
+  *bytes = out.str();
+  return true;
+}
+
+// Rewrites the list beside itself and renames it into place, so that it is never half written.
+bool rewrite_list(const fs::path& file, const std::string& bytes, std::string* err) {
+  const fs::path temp = file.string() + ".new";
+  {
+    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+    out << bytes;
+    out.close();
+    if (!out) {
+      *err = "can't write " + temp.string();
+      ::unlink(temp.c_str());
+      return false;
+    }
+  }
+  if (::rename(temp.c_str(), file.c_str()) != 0) {
+    *err = "can't replace " + file.string() + ": " + std::strerror(errno);
+    ::unlink(temp.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool lies_in(const fs::path& file, const std::optional<fs::path>& dir) {
+  if (!dir) return false;
+  std::error_code ec;
+  const fs::path parent = fs::weakly_canonical(file.parent_path(), ec);
+  if (ec) return false;
+  return parent == fs::weakly_canonical(*dir, ec) && !ec;
+}
+
+// The interrupting signals are taken through a descriptor, so that a wait for the helper can
+// watch for them and clean up before stopping.
+unique_fd block_interrupts() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  return unique_fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+bool interrupt_pending(int signal_fd) {
+  signalfd_siginfo info;
+  return signal_fd >= 0 && ::read(signal_fd, &info, sizeof info) == sizeof info;
+}
+
+int run(const fs::path& list_path) {
+  std::string bytes, err;
+  if (!read_bytes(list_path, &bytes, &err)) {
+    std::cerr << "tarnassist: can't read " << list_path.string() << ": " << err << "\n";
+    return kExitBadInput;
+  }
+  assist_list list;
+  if (!parse_list(bytes, &list, &err)) {
+    std::cerr << "tarnassist: " << list_path.string() << ": " << err << "\n";
+    return kExitBadInput;
+  }
+  const fs::path out_dir = documents_dir() / kOutputFolder;
+  if (!make_dirs(out_dir, 0777)) {
+    std::cerr << "tarnassist: can't create " << out_dir.string() << ": " << std::strerror(errno)
+              << "\n";
+    return kExitBadInput;
+  }
+  // Only the gateway's hand-over copies are ever deleted, never a file the list merely names.
+  const std::optional<fs::path> temp_dir = private_temp_dir();
+
+  unique_fd signals = block_interrupts();
+  assistant worker(out_dir, self_exe_dir() + kPrintHelperProgram, signals.get(),
+                   print_helper_timeout());
+  const auto started = std::chrono::steady_clock::now();
+  const size_t total = list.rows.size();
+  size_t converted = 0, failed = 0;
+  std::vector<list_row> retry;
+  bool interrupted = false;
+  for (size_t i = 0; i < total && !interrupted; ++i) {
+    const list_row& row = list.rows[i];
+    const auto file_started = std::chrono::steady_clock::now();
+    std::string source;
+    for (const auto& candidate : candidate_paths(row)) {
+      if (::access(candidate.c_str(), F_OK) == 0) {
+        source = candidate;
+        break;
+      }
+    }
+    if (source.empty() && !row.path.empty()) source = row.path;
+    const std::string name =
+        source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
+    std::cout << "[" << (i + 1) << "/" << total << "] " << name;
+
+    conversion result;
+    if (!row.present) {
+      result.reason = "missing from the list";
+    } else if (source.empty()) {
+      result.reason = "no file (the gateway could not fetch this document)";
+    } else {
+      result = worker.convert(source);
+    }
+    interrupted = result.interrupted || interrupt_pending(signals.get());
+    if (!result.ok) {
+      ++failed;
+      std::cout << ": failed: " << result.reason << "\n";
+      if (!source.empty() && ::access(source.c_str(), F_OK) == 0) retry.push_back(row);
+      continue;
+    }
+    ++converted;
+    std::cout << " -> " << result.output.filename().string() << " ("
+              << seconds_text(std::chrono::steady_clock::now() - file_started) << ")";
+    if (list.delete_copies) {
+      if (!lies_in(source, temp_dir)) {
+        std::cout << ", copy kept (not in the temporary folder)";
+      } else if (::unlink(source.c_str()) != 0) {
+        std::cout << ", copy not deleted: " << std::strerror(errno);
+      }
+    }
+    std::cout << "\n" << std::flush;
+  }
+
+  const size_t skipped = total - converted - failed;
+  std::cout << (interrupted ? "Interrupted: " : "Done: ") << converted << " of " << total
+            << " converted";
+  if (failed > 0) std::cout << ", " << failed << " failed";
+  if (skipped > 0) std::cout << ", " << skipped << " not tried";
+  std::cout << ", in " << out_dir.string() << " ("
+            << seconds_text(std::chrono::steady_clock::now() - started) << ")\n";
+
+  if (list.delete_copies && !interrupted) {
+    if (retry.empty()) {
+      if (::unlink(list_path.c_str()) != 0)
+        std::cerr << "tarnassist: can't delete " << list_path.string() << ": "
+                  << std::strerror(errno) << "\n";
+    } else if (rewrite_list(list_path, format_list(retry, true), &err)) {
+      std::cout << "The " << retry.size() << " failed file(s) stay listed in " << list_path.string()
+                << "; run tarnassist on it again to retry.\n";
+    } else {
+      std::cerr << "tarnassist: " << err << "\n";
+    }
+  }
+  if (interrupted) return kExitInterrupted;
+  return failed > 0 ? kExitSomeFailed : kExitOk;
+}
+
+}  // namespace
+}  // namespace tarn
+
+int main(int argc, char** argv) {
+  CLI::App app(tarn::kDescription, "tarnassist");
+  std::vector<std::string> words;
+  app.add_option("LISTFILE", words, "The list file")->required();
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "tarnassist: " << e.what() << "\nRun with --help for how to use it.\n";
+    return tarn::kExitBadInput;
+  }
+  // The gateway passes the list's path as the whole, unquoted command line; a path with
+  // blanks then arrives as several words.
+  std::string path;
+  for (const auto& word : words) path += (path.empty() ? "" : " ") + word;
+  if (words.size() > 1 && ::access(path.c_str(), F_OK) != 0) {
+    std::cerr << "tarnassist: expected one list file, got " << words.size()
+              << " arguments (and no file \"" << path << "\")\n";
+    return tarn::kExitBadInput;
+  }
+  return tarn::run(path);
+}

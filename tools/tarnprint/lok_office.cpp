@@ -1,0 +1,194 @@
+#include "lok_office.h"
+
+#include <LibreOfficeKit/LibreOfficeKitInit.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <LibreOfficeKit/LibreOfficeKit.hxx>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "office_paths.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+// LibreOfficeKit can't open CSV files: it always asks for the import options, even when they
+// are given. A Basic macro of the private profile loads them through the API with the options
+// set and exports the PDF.
+constexpr const char* kMacroModule = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE script:module PUBLIC "-//OpenOffice.org//DTD OfficeDocument 1.0//EN" "module.dtd">
+<script:module xmlns:script="http://openoffice.org/2000/script" script:name="TarnPrint" script:language="StarBasic">
+Sub CsvToPdf(src As String, dst As String, separator As String, charset As String)
+  On Error GoTo failed
+  Dim props(2) As New com.sun.star.beans.PropertyValue
+  props(0).Name = &quot;FilterName&quot; : props(0).Value = &quot;Text - txt - csv (StarCalc)&quot;
+  props(1).Name = &quot;FilterOptions&quot; : props(1).Value = separator &amp; &quot;,34,&quot; &amp; charset &amp; &quot;,1&quot;
+  props(2).Name = &quot;Hidden&quot; : props(2).Value = True
+  doc = StarDesktop.loadComponentFromURL(src, &quot;_blank&quot;, 0, props())
+  If IsNull(doc) Then Exit Sub
+  Dim export(0) As New com.sun.star.beans.PropertyValue
+  export(0).Name = &quot;FilterName&quot; : export(0).Value = &quot;calc_pdf_Export&quot;
+  doc.storeToURL(dst, export())
+  doc.close(True)
+  Exit Sub
+failed:
+  If Not IsNull(doc) Then doc.close(True)
+End Sub
+</script:module>
+)";
+
+constexpr const char* kLibraries = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE library:libraries PUBLIC "-//OpenOffice.org//DTD OfficeDocument 1.0//EN" "libraries.dtd">
+<library:libraries xmlns:library="http://openoffice.org/2000/library" xmlns:xlink="http://www.w3.org/1999/xlink">
+ <library:library library:name="Standard" library:link="false"/>
+</library:libraries>
+)";
+
+constexpr const char* kScriptLibrary = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE library:library PUBLIC "-//OpenOffice.org//DTD OfficeDocument 1.0//EN" "library.dtd">
+<library:library xmlns:library="http://openoffice.org/2000/library" library:name="Standard" library:readonly="false" library:passwordprotected="false">
+ <library:element library:name="TarnPrint"/>
+</library:library>
+)";
+
+constexpr const char* kDialogLibrary = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE library:library PUBLIC "-//OpenOffice.org//DTD OfficeDocument 1.0//EN" "library.dtd">
+<library:library xmlns:library="http://openoffice.org/2000/library" library:name="Standard" library:readonly="false" library:passwordprotected="false"/>
+)";
+
+// No lock file beside the documents the office reads, which a killed office would leave there.
+constexpr const char* kNoLocking =
+    R"(<item oor:path="/org.openoffice.Office.Common/Misc"><prop oor:name="UseLocking" oor:op="fuse"><value>false</value></prop></item>
+)";
+constexpr const char* kSettingsHead = R"(<?xml version="1.0" encoding="UTF-8"?>
+<oor:items xmlns:oor="http://openoffice.org/2001/registry" xmlns:xs="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance">
+)";
+constexpr const char* kSettingsEnd = "</oor:items>";
+
+bool write_text(const fs::path& path, const char* text, std::string* err) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  out.close();
+  if (!out) *err = "can't write " + path.string();
+  return static_cast<bool>(out);
+}
+
+// Adds kNoLocking to the profile's settings. The rest of the file stays: without the office's
+// own entries (its compatibility check, a finished set-up) each start takes seconds longer.
+bool switch_off_locking(const fs::path& profile, std::string* err) {
+  const fs::path file = profile / "user" / "registrymodifications.xcu";
+  std::string text;
+  {
+    std::ifstream in(file, std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  if (text.find("oor:name=\"UseLocking\"") != std::string::npos) return true;
+  const size_t end = text.rfind(kSettingsEnd);
+  text = end == std::string::npos ? std::string(kSettingsHead) + kNoLocking + kSettingsEnd + "\n"
+                                  : text.insert(end, kNoLocking);
+  std::error_code ec;
+  fs::create_directories(file.parent_path(), ec);
+  return write_text(file, text.c_str(), err);
+}
+
+// The profile's Basic folder holds only the library with the CSV macro.
+bool install_macros(const fs::path& profile, std::string* err) {
+  const fs::path basic = profile / "user" / "basic";
+  std::error_code ec;
+  fs::create_directories(basic / "Standard", ec);
+  if (ec) {
+    *err = "can't create " + (basic / "Standard").string() + ": " + ec.message();
+    return false;
+  }
+  fs::remove(basic / "Standard" / "Module1.xba", ec);
+  return write_text(basic / "script.xlc", kLibraries, err) &&
+         write_text(basic / "dialog.xlc", kLibraries, err) &&
+         write_text(basic / "Standard" / "script.xlb", kScriptLibrary, err) &&
+         write_text(basic / "Standard" / "dialog.xlb", kDialogLibrary, err) &&
+         write_text(basic / "Standard" / "TarnPrint.xba", kMacroModule, err);
+}
+
+// A macro URL is percent-decoded once before its arguments are read, so an encoded quote in a
+// file URL would end the argument early: the URL's own escapes are escaped once more.
+std::string macro_argument(const std::string& url) {
+  std::string escaped;
+  for (char c : url) escaped += c == '%' ? std::string("%25") : std::string(1, c);
+  return "\"" + escaped + "\"";
+}
+
+bool nonempty_file(const fs::path& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+}
+
+}  // namespace
+
+bool lok_office::start(const fs::path& program_dir, const fs::path& profile, std::string* err) {
+  if (!fs::exists(program_dir / "soffice.bin")) {
+    *err = "LibreOffice is not installed in " + program_dir.string();
+    return false;
+  }
+  if (!switch_off_locking(profile, err)) return false;
+  office_ = lok::lok_cpp_init(program_dir.c_str(), file_url(profile).c_str());
+  if (office_ == nullptr) {
+    *err = "LibreOfficeKit could not load the office from " + program_dir.string();
+    return false;
+  }
+  // Written after the start, which fills a new profile from the office's presets; Basic reads
+  // its libraries only when a macro first runs.
+  return install_macros(profile, err);
+}
+
+bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::string& format,
+                         const std::optional<csv_layout>& csv, std::string* err) {
+  if (csv) {
+    if (format != "pdf") {
+      *err = "a CSV file can only be converted to pdf";
+      return false;
+    }
+    return convert_csv(src, dst, *csv, err);
+  }
+  // Batch mode cancels any dialog a load would open instead of waiting for an answer that
+  // never comes.
+  std::unique_ptr<lok::Document> doc(office_->documentLoad(file_url(src).c_str(), "Batch=true"));
+  if (!doc) {
+    *err =
+        "the office can't read it (damaged, protected by a password, or of a kind it doesn't "
+        "know)";
+    return false;
+  }
+  while (hang_after_load_) ::pause();
+  if (!doc->saveAs(file_url(dst).c_str(), format.c_str(), nullptr)) {
+    *err = "the office can't save it as " + format + ": " + last_error();
+    return false;
+  }
+  return true;
+}
+
+bool lok_office::convert_csv(const fs::path& src, const fs::path& dst, const csv_layout& csv,
+                             std::string* err) {
+  // The macro's only sign of success is the file it writes; `dst` starts out empty.
+  // Arguments of a macro URL arrive only as quoted strings.
+  const std::string macro = "macro:///Standard.TarnPrint.CsvToPdf(" +
+                            macro_argument(file_url(src)) + "," + macro_argument(file_url(dst)) +
+                            "," + macro_argument(std::to_string(csv.separator)) + "," +
+                            macro_argument(std::to_string(csv.charset)) + ")";
+  if (!office_->runMacro(macro.c_str()) || !nonempty_file(dst)) {
+    *err = "the office can't read it as CSV: " + last_error();
+    return false;
+  }
+  return true;
+}
+
+std::string lok_office::last_error() {
+  char* text = office_->getError();
+  std::string result = text != nullptr && text[0] != '\0' ? text : "no reason given";
+  if (text != nullptr) office_->freeError(text);
+  return result;
+}
+
+}  // namespace tarn

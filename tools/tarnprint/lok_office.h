@@ -1,0 +1,48 @@
+// The office loaded into this process through LibreOfficeKit. One document at a time, from the
+// thread that started it. The office is never torn down: destroying it may corrupt the heap
+// after all output is written, so the process ends with _exit instead.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "source_kind.h"
+
+namespace lok {
+class Office;
+}
+
+namespace tarn {
+
+class lok_office {
+ public:
+  lok_office() = default;
+  lok_office(const lok_office&) = delete;
+  lok_office& operator=(const lok_office&) = delete;
+
+  // Loads the office of `program_dir` with its user profile in `profile` (made when missing).
+  // False with *err when it can't.
+  bool start(const std::filesystem::path& program_dir, const std::filesystem::path& profile,
+             std::string* err);
+
+  // Loads `src` and saves it to `dst` as `format` (pdf, docx, xlsx, pptx, odt, ...). A CSV
+  // source is read through Calc's text import with `csv`, and can only become a PDF. False with
+  // *err when the office can't read or save the document; `dst` may then hold part of a file.
+  bool convert(const std::filesystem::path& src, const std::filesystem::path& dst,
+               const std::string& format, const std::optional<csv_layout>& csv, std::string* err);
+
+  // For tests of the time-out: from now on every document hangs once loaded, as the office
+  // does on a document it can't lay out.
+  void hang_after_load() { hang_after_load_ = true; }
+
+ private:
+  bool convert_csv(const std::filesystem::path& src, const std::filesystem::path& dst,
+                   const csv_layout& csv, std::string* err);
+  std::string last_error();
+
+  lok::Office* office_ = nullptr;  // lives until the process ends; see above
+  bool hang_after_load_ = false;
+};
+
+}  // namespace tarn
