@@ -7,6 +7,7 @@
 
 #include "dialogs/HowToSaveDlg.h"
 #include "dialogs/MergeSortDlg.h"
+#include "dialogs/child_launch_internal.h"
 #include "dialogs/dialog_look.h"
 #include "dialogs/question_json.h"
 
@@ -22,6 +23,7 @@ child_answer ask_in_child(const std::filesystem::path& tarnask, const std::strin
   QProcess child;
   child.setProcessEnvironment(env);
   child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+  keep_descriptors_from_child(child);
   QEventLoop loop;
   QObject::connect(&child, &QProcess::finished, &loop, &QEventLoop::quit);
   QObject::connect(&child, &QProcess::errorOccurred, &loop, [&](QProcess::ProcessError error) {

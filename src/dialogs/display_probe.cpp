@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <map>
 
+#include "dialogs/child_launch_internal.h"
+
 namespace tarn {
 namespace {
 
@@ -85,6 +87,7 @@ display_probe::sources display_probe::system_sources() {
   };
   from.session_env = [] {
     QProcess systemctl;
+    keep_descriptors_from_child(systemctl);
     systemctl.start("systemctl", {"--user", "show-environment"}, QIODevice::ReadOnly);
     if (!systemctl.waitForFinished(kSystemctlMs) ||
         systemctl.exitStatus() != QProcess::NormalExit || systemctl.exitCode() != 0) {

@@ -1,6 +1,8 @@
 #include "dialogs/qt_user_questions.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -84,10 +86,13 @@ TEST_F(qt_user_questions_test, WithoutADisplayTheRememberedChoicesAnswerAndTheLo
 
 TEST_F(qt_user_questions_test, AChildThatCannotShowTheQuestionLeavesTheRememberedChoices) {
   const std::filesystem::path fake = env_.root() / "tarnask";
+  // A descriptor the gateway forgot to mark close-on-exec, as a listening socket might be.
+  const int leaked = open("/dev/null", O_RDONLY);
   const std::pair<std::string, const char*> cases[] = {
       // its script, what the log says
       {"", "could not be started"},
-      {"exit 1", "(tarnask could not open the display)"},
+      {"[ -e /proc/self/fd/" + std::to_string(leaked) + " ] && exit 5; exit 1",
+       "(tarnask could not open the display)"},
       {"kill -SEGV $$", "(tarnask was ended by a signal)"},
       {"echo '{\"accepted\": tru'", "parse error"},
       {R"(echo '{"accepted":true,"merge_documents_":true,"save_new_":4294967296,)"
@@ -115,6 +120,7 @@ TEST_F(qt_user_questions_test, AChildThatCannotShowTheQuestionLeavesTheRemembere
     EXPECT_THAT(log_->render(), HasSubstr(why));
     EXPECT_FALSE(test::stored("do_merge"));
   }
+  close(leaked);
 }
 
 // A private X server standing for a desktop session that began after the gateway.
