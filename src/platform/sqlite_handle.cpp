@@ -46,6 +46,7 @@ std::string sqlite_column_blob(sqlite3_stmt* stmt, int column) {
 
 sqlite_transaction::sqlite_transaction(sqlite3* db) : db_(db) {
   begun_ = sqlite_exec(db_, "BEGIN IMMEDIATE", &error_);
+  if (!begun_) error_code_ = sqlite3_extended_errcode(db_);
 }
 
 sqlite_transaction::~sqlite_transaction() {
@@ -59,6 +60,8 @@ bool sqlite_transaction::commit(std::string* err) {
   }
   done_ = true;
   if (sqlite_exec(db_, "COMMIT", err)) return true;
+  // Kept before the rollback, which would reset it: callers tell a full disk from a busy store.
+  error_code_ = sqlite3_extended_errcode(db_);
   sqlite_exec(db_, "ROLLBACK", nullptr);
   return false;
 }

@@ -54,11 +54,14 @@ class sqlite_transaction {
   bool begun() const { return begun_; }
   bool commit(std::string* err);
   const std::string& error() const { return error_; }
+  // SQLite's extended code of the failed BEGIN or COMMIT (e.g. SQLITE_FULL); SQLITE_OK otherwise.
+  int error_code() const { return error_code_; }
 
  private:
   sqlite3* db_;
   bool begun_ = false;
   bool done_ = false;
+  int error_code_ = SQLITE_OK;
   std::string error_;
 };
 

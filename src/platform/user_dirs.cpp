@@ -41,7 +41,7 @@ bool make_dirs(const std::filesystem::path& dir, unsigned mode) {
   std::string path;
   for (const auto& step : dir) {
     if (step == "/") {
-      path = "/";
+      path.assign(1, '/');  // not = "/": GCC 12 warns falsely (-Wrestrict)
       continue;
     }
     if (!path.empty() && path.back() != '/') path += '/';
