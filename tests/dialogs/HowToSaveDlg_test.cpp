@@ -31,6 +31,7 @@ TEST_F(HowToSaveDlg_test, TheCheckBoxServesANewDocumentAndKeepsItsCheck) {
   HowToSaveDlg dialog(model);
   test::as_user([](QWidget* dlg) {
     EXPECT_EQ(dlg->windowTitle(), "Save As");
+    EXPECT_TRUE(dlg->windowFlags() & Qt::WindowStaysOnTopHint);
     EXPECT_EQ(test::child<QLabel>(dlg, "prompt")->text(),
               "The 'Quarterly report.docx' has been converted to a PDF file.\n"
               "How do you want to save the 'Quarterly report.pdf' ?");

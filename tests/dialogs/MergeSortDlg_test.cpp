@@ -42,6 +42,7 @@ TEST_F(MergeSortDlg_test, CombineMoveAndOkWithTheMouse) {
   MergeSortDlg dialog(model);
   test::as_user([](QWidget* dlg) {
     EXPECT_EQ(dlg->windowTitle(), "Merge items to one PDF");
+    EXPECT_TRUE(dlg->windowFlags() & Qt::WindowStaysOnTopHint);
     EXPECT_EQ(state(dlg), "0001 version");
     test::save_picture(dlg, "merge_sort_each");
     test::click(test::child(dlg, "one_pdf"));
