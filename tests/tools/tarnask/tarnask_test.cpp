@@ -36,7 +36,9 @@ TEST_F(tarnask_test, ExitCodesSayWhatHappened) {
     test::program_result result = test::run_program(args, c.input);
     EXPECT_EQ(result.exit_code, c.exit_code);
     EXPECT_THAT(c.exit_code == 0 ? result.out : result.err, HasSubstr(c.says));
-    if (c.exit_code != 0) EXPECT_EQ(result.out, "");
+    if (c.exit_code != 0) {
+      EXPECT_EQ(result.out, "");
+    }
   }
 }
 
