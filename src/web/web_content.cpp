@@ -82,8 +82,12 @@ const char* content_type_of(const std::string& path) {
     const char* extension;
     const char* type;
   } kTypes[] = {
-      {"js", "application/javascript"}, {"gif", "image/gif"}, {"htm", "text/html"},
-      {"html", "text/html"},            {"jpg", "image/jpeg"}, {"png", "image/png"},
+      {"js", "application/javascript"},
+      {"gif", "image/gif"},
+      {"htm", "text/html"},
+      {"html", "text/html"},
+      {"jpg", "image/jpeg"},
+      {"png", "image/png"},
       {"css", "text/css"},
   };
   const size_t slash = path.rfind('/');
