@@ -200,12 +200,15 @@ TEST_F(TarnGateWayHandler_test, ProcessorReadsCommandArgumentsAsTheClientMeantTh
     EXPECT_EQ(made_[0].doc_refs, c.expected.doc_refs);
   }
 
-  for (const std::string bad :
-       {R"([2,"get_version",1,0,{}])", R"([1,"send_command",1,0,{"4":{"set":["str",3,"a"]}}])",
-        R"([1,"send_command",1,0,{"1":{"xx":0}}])",
-        R"([1,"get_version",1,0,{"1":{"str":"\u00zz"}}])",
-        // TJSONProtocol knows no escaped solidus.
-        R"([1,"get_version",1,0,{"1":{"str":"\/"}}])"}) {
+  // Unknown fields nested past the protocol's depth limit of 64.
+  std::string nested = "{}";
+  for (int depth = 0; depth < 64; ++depth) nested = R"({"1":{"rec":)" + nested + "}}";
+  for (const std::string& bad : std::vector<std::string>{
+           R"([2,"get_version",1,0,{}])", R"([1,"send_command",1,0,{"4":{"set":["str",3,"a"]}}])",
+           R"([1,"get_version",1,0,)" + nested + "]", R"([1,"send_command",1,0,{"1":{"xx":0}}])",
+           R"([1,"get_version",1,0,{"1":{"str":"\u00zz"}}])",
+           // TJSONProtocol knows no escaped solidus.
+           R"([1,"get_version",1,0,{"1":{"str":"\/"}}])"}) {
     SCOPED_TRACE(bad);
     EXPECT_THROW(process(bad), TProtocolException);
   }
