@@ -15,6 +15,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev
   poppler-utils xvfb xauth xdotool chromium
   clang libclang-rt-14-dev
+  systemd desktop-file-utils
 )
 
 wanted=("${run_packages[@]}")

@@ -1,8 +1,12 @@
 // tarnctl setup: writes into the machine store what an installer writes, pointing at the
 // install folder that holds this tarnctl.
+#include <filesystem>
 #include <iostream>
 #include <string>
 
+#include "dms/IDMSHelper.h"
+#include "dms/IPdfAttach.h"
+#include "dms/component_loader.h"
 #include "platform/registry_store.h"
 #include "platform/self_exe.h"
 #include "tarnctl_commands.h"
@@ -16,6 +20,7 @@ struct setup_value {
   std::string key;
   std::string name;
   std::string text;
+  bool names_file = false;  // a component library that should be in the install folder
 };
 
 int run_setup() {
@@ -26,6 +31,8 @@ int run_setup() {
   }
   const std::vector<setup_value> values = {
       {kProductKey, "InstallPath", install_dir},
+      {inproc_server_key(kClsidDmsConnector), "", install_dir + "dms_local.so", true},
+      {inproc_server_key(kClsidPdfAttach), "", install_dir + "pdf_attach.so", true},
   };
 
   const auto file = registry_file(reg_root::local_machine);
@@ -42,6 +49,8 @@ int run_setup() {
                 << file.string() << ": " << err << "\n";
       return kExitFailed;
     }
+    if (value.names_file && !std::filesystem::exists(value.text))
+      std::cerr << "tarnctl setup: warning: " << value.text << " is missing; registered anyway\n";
     std::cout << "HKEY_LOCAL_MACHINE\\" << value.key << "  "
               << (value.name.empty() ? "(Default)" : value.name) << " = " << value.text << "\n";
   }

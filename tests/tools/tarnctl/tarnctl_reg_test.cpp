@@ -94,6 +94,19 @@ TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
   auto value = store->get("Software\\Vantu\\PDF\\V1", "InstallPath");
   ASSERT_TRUE(value);
   EXPECT_EQ(reg_sz_text(value->data), std::string(TARN_DIST_DIR) + "/");
+  // The shipped components, registered by class id for the component loader.
+  for (const auto& [clsid, library] :
+       {std::pair{"{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}", "dms_local.so"},
+        std::pair{"{F3D21E10-ACE3-4CD1-AA63-7226F6416B06}", "pdf_attach.so"}}) {
+    SCOPED_TRACE(library);
+    value = store->get(std::string("Software\\Classes\\CLSID\\") + clsid + "\\InprocServer32", "");
+    ASSERT_TRUE(value);
+    EXPECT_EQ(reg_sz_text(value->data), std::string(TARN_DIST_DIR) + "/" + library);
+    EXPECT_NE(r.out.find(std::string(clsid) + "\\InprocServer32  (Default) = " + TARN_DIST_DIR +
+                         "/" + library + "\n"),
+              std::string::npos)
+        << r.out;
+  }
 
   env_.set_env("TARN_MACHINE_REGISTRY", "/proc/no/such/registry.sqlite");
   r = tarnctl({"setup"});

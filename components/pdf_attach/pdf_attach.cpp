@@ -1,0 +1,177 @@
+// The PDF joining component on qpdf: the IPdfAttach object and the library's entry point.
+// Every method turns qpdf's exceptions into a failure code and a line on the diagnostic
+// channel; nothing is thrown across the library's border.
+#include <strings.h>
+
+#include <qpdf/QPDFExc.hh>
+#include <qpdf/QPDFSystemError.hh>
+
+#include <atomic>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#include "attach_document.h"
+#include "dms/IPdfAttach.h"
+#include "log/trace.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
+constexpr HRESULT kErrorFileNotFound = static_cast<HRESULT>(0x80070002u);
+constexpr HRESULT kErrorPathNotFound = static_cast<HRESULT>(0x80070003u);
+constexpr HRESULT kErrorInvalidHandle = static_cast<HRESULT>(0x80070006u);
+constexpr HRESULT kErrorWriteProtect = static_cast<HRESULT>(0x80070013u);
+constexpr HRESULT kErrorDiskFull = static_cast<HRESULT>(0x80070070u);
+constexpr HRESULT kErrorInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
+
+bool same_id(const char* a, const char* b) { return a != nullptr && strcasecmp(a, b) == 0; }
+
+HRESULT hresult_of_errno(int code) {
+  switch (code) {
+    case ENOENT:
+      return kErrorFileNotFound;
+    case ENOTDIR:
+      return kErrorPathNotFound;
+    case EACCES:
+    case EPERM:
+      return E_ACCESSDENIED;
+    case EROFS:
+      return kErrorWriteProtect;
+    case ENOSPC:
+    case EDQUOT:
+      return kErrorDiskFull;
+    case ENOMEM:
+      return E_OUTOFMEMORY;
+    default:
+      return E_FAIL;
+  }
+}
+
+// Runs one method's work; an exception becomes its code and one diagnostic line.
+template <class Work>
+HRESULT guarded(const char* method, const std::string& path, Work&& work) noexcept {
+  const char* what = "unknown exception";
+  HRESULT hr = E_UNEXPECTED;
+  try {
+    return work();
+  } catch (const QPDFSystemError& e) {
+    hr = hresult_of_errno(e.getErrno());
+    what = e.what();
+  } catch (const QPDFExc& e) {
+    hr = e.getErrorCode() == qpdf_e_password ? kErrorInvalidPassword : E_FAIL;
+    what = e.what();
+  } catch (const std::invalid_argument& e) {
+    hr = E_INVALIDARG;
+    what = e.what();
+  } catch (const std::bad_alloc& e) {
+    hr = E_OUTOFMEMORY;
+    what = e.what();
+  } catch (const std::exception& e) {
+    hr = E_FAIL;
+    what = e.what();
+  } catch (...) {
+  }
+  TARN_TRACE(kTraceError, "pdf_attach: %s \"%s\": %s", method, path.c_str(), what);
+  return hr;
+}
+
+class pdf_attach final : public IPdfAttach {
+ public:
+  ~pdf_attach() override = default;
+
+  HRESULT QueryInterface(const char* iid, void** object) override {
+    if (object == nullptr) return E_POINTER;
+    if (!same_id(iid, kIidPdfAttach) && !same_id(iid, kIidUnknown)) {
+      *object = nullptr;
+      return E_NOINTERFACE;
+    }
+    *object = static_cast<IPdfAttach*>(this);
+    AddRef();
+    return S_OK;
+  }
+  uint32_t AddRef() override { return ++refs_; }
+  uint32_t Release() override {
+    const uint32_t left = --refs_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  HRESULT AttachInit(const std::string& producer) override {
+    return guarded("AttachInit", producer, [&] {
+      producer_ = producer;
+      return S_OK;
+    });
+  }
+
+  HRESULT AttachTerm() override {
+    return guarded("AttachTerm", "", [&] {
+      documents_.clear();
+      return S_OK;
+    });
+  }
+
+  HRESULT AttachOpen(const std::string& path, int32_t* handle,
+                     const std::string& password) override {
+    if (handle == nullptr) return E_POINTER;
+    return guarded("AttachOpen", path, [&] {
+      auto document = attach_document::open(path, password);
+      documents_.emplace(next_handle_, std::move(document));
+      *handle = next_handle_++;
+      return S_OK;
+    });
+  }
+
+  HRESULT AttachSave(const std::string& path, int32_t handle, int32_t flags) override {
+    return guarded("AttachSave", path, [&] {
+      auto found = documents_.find(handle);
+      if (found == documents_.end()) return kErrorInvalidHandle;
+      found->second->save(path, (flags & kAttachSaveLinearize) != 0,
+                          (flags & kAttachSaveFlush) != 0, producer_);
+      return S_OK;
+    });
+  }
+
+  HRESULT AttachInsert(int32_t handle, const std::string& path, const std::string& password,
+                       const std::string& page_range, const std::string& insert_after,
+                       const std::string& rotation, const std::string& outline_title,
+                       int32_t flags) override {
+    return guarded("AttachInsert", path, [&] {
+      auto found = documents_.find(handle);
+      if (found == documents_.end()) return kErrorInvalidHandle;
+      insert_options options{password, page_range,    insert_after,
+                             rotation, outline_title, (flags & kAttachInsertStrict) != 0};
+      found->second->insert(path, options);
+      return S_OK;
+    });
+  }
+
+ private:
+  std::atomic<uint32_t> refs_{0};
+  std::string producer_;
+  std::map<int32_t, std::unique_ptr<attach_document>> documents_;
+  int32_t next_handle_ = 1;
+};
+
+}  // namespace
+}  // namespace tarn
+
+extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_instance(
+    const char* clsid, const char* iid, uint32_t abi_version, void** object) {
+  using namespace tarn;
+  if (object == nullptr) return E_POINTER;
+  *object = nullptr;
+  if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
+  if (!same_id(clsid, kClsidPdfAttach)) return CLASS_E_CLASSNOTAVAILABLE;
+  try {
+    auto made = std::make_unique<pdf_attach>();
+    const HRESULT hr = made->QueryInterface(iid, object);
+    if (SUCCEEDED(hr)) made.release();  // the reference count owns it now
+    return hr;
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
+}

@@ -1,0 +1,78 @@
+// tarngateway: the per-user gateway process on port 9090.
+#include <CLI/CLI.hpp>
+#include <QApplication>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "log/trace.h"
+#include "process/CTarnGateWayApp.h"
+#include "process/exit_codes.h"
+#include "process/signal_watcher.h"
+#include "tasks/TarnGateWayHandler.h"
+
+namespace {
+
+constexpr const char* kFooter = R"(
+It takes no options: it serves HTTP on port 9090 (Thrift JSON calls by POST, the files of
+www-data/ beside it by GET) until SIGTERM, SIGINT or SIGHUP ends it.
+
+Exit codes:
+  0  stopped by a signal
+  1  the service couldn't be built
+  2  bad command line
+  3  another gateway already answers on port 9090; this one gave up
+  4  this machine is a server; the gateway doesn't run there
+  5  port 9090 can't be listened on (the reason is on standard error)
+
+Environment:
+  TARN_TRACE=85  write the diagnostic lines to standard error
+  QT_QPA_PLATFORM  Qt platform; without a display "offscreen" is used)";
+
+bool has_value(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && value[0] != '\0';
+}
+
+// Qt aborts at start when it finds no display; the gateway must run all the same (at boot
+// under systemd, over ssh, in tests). Its dialogs then have nowhere to show.
+void use_offscreen_without_display() {
+  if (!has_value("DISPLAY") && !has_value("WAYLAND_DISPLAY") && !has_value("QT_QPA_PLATFORM"))
+    setenv("QT_QPA_PLATFORM", "offscreen", 1);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App cli(
+      "The Vantu Tarn gateway: lets the document management web client hand work to "
+      "the PDF tools of this machine.",
+      "tarngateway");
+  cli.set_version_flag("--version", tarn::kVersionText);
+  cli.footer(kFooter);
+  try {
+    cli.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return cli.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "tarngateway: %s (see --help)\n", e.what());
+    return tarn::kExitUsage;
+  }
+
+  use_offscreen_without_display();
+  QApplication qt(argc, argv);
+  QApplication::setQuitOnLastWindowClosed(false);
+  QCoreApplication::setApplicationName("tarngateway");
+
+  auto stop_on_signal = std::make_unique<tarn::signal_watcher>([](int signo) {
+    TARN_TRACE(tarn::kTraceProgress, "Signal %d: stopping.", signo);
+    QCoreApplication::exit(tarn::kExitOk);
+  });
+
+  tarn::CTarnGateWayApp app;
+  int code = app.InitInstance();
+  if (code == tarn::kExitOk) code = qt.exec();
+  // A second Ctrl-C while connections drain ends the process at once.
+  stop_on_signal.reset();
+  return app.ExitInstance(code);
+}

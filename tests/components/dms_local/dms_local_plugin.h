@@ -1,0 +1,63 @@
+// The built dms_local.so, loaded once per test process, and connectors made by it.
+#pragma once
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "dms/IDMSHelper.h"
+
+namespace tarn::test {
+
+// The plug-in's entry point; the library stays loaded until the process ends.
+inline component_entry_fn dms_local_entry() {
+  static component_entry_fn entry = [] {
+    void* lib = dlopen(TARN_DIST_DIR "/dms_local.so", RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) throw std::runtime_error(dlerror());
+    return reinterpret_cast<component_entry_fn>(dlsym(lib, kComponentEntryPoint));
+  }();
+  return entry;
+}
+
+// Ends a connector the way the gateway does: TermMgr, then the last Release.
+struct connector_ender {
+  void operator()(IDMSHelper* helper) const {
+    helper->TermMgr();
+    helper->Release();
+  }
+};
+using connector = std::unique_ptr<IDMSHelper, connector_ender>;
+
+// A started connector (InitMgr called); null if creation failed.
+inline connector make_connector() {
+  void* object = nullptr;
+  if (dms_local_entry()(kClsidDmsConnector, kIidDmsHelper, kComponentAbiVersion, &object) != S_OK)
+    return nullptr;
+  auto* helper = static_cast<IDMSHelper*>(object);
+  if (helper->InitMgr() != S_OK) {
+    helper->Release();
+    return nullptr;
+  }
+  return connector(helper);
+}
+
+// The item of `doc_ref`, empty when the connector knows no such document.
+inline std::string select_item(IDMSHelper& dms, const std::string& doc_ref,
+                               const std::string& connection = "") {
+  std::string item = "unset";
+  EXPECT_TRUE(SUCCEEDED(dms.SelectDocItem(connection, "", doc_ref, &item))) << doc_ref;
+  return item;
+}
+
+// The properties of `doc_ref` as a map; empty when the connector refused.
+inline std::map<std::string, std::string> properties_of(IDMSHelper& dms, const std::string& doc_ref,
+                                                        const std::string& connection = "") {
+  const property_array* props = nullptr;
+  if (FAILED(dms.DocGetProperties(connection, "", doc_ref, &props)) || props == nullptr) return {};
+  return {props->begin(), props->end()};
+}
+
+}  // namespace tarn::test

@@ -1,0 +1,228 @@
+// The PDF joining component through its interface, loaded as the gateway loads it.
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <qpdf/QPDF.hh>
+#include <qpdf/QPDFOutlineDocumentHelper.hh>
+#include <qpdf/QPDFPageDocumentHelper.hh>
+#include <qpdf/QPDFWriter.hh>
+
+#include "dms/IPdfAttach.h"
+#include "dms/component_loader.h"
+#include "support/register_component.h"
+#include "support/test_env.h"
+#include "support/test_pdf.h"
+
+namespace tarn {
+namespace {
+
+using labels = std::vector<std::string>;
+constexpr HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002u);
+constexpr HRESULT kInvalidHandle = static_cast<HRESULT>(0x80070006u);
+constexpr HRESULT kInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
+
+// The optional arguments of AttachInsert.
+struct insert_args {
+  std::string password, range, after, rotation, title;
+  int32_t flags = 0;
+};
+
+class pdf_attach_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    test::register_component(reg_root::local_machine, kClsidPdfAttach,
+                             std::string(TARN_DIST_DIR) + "/pdf_attach.so");
+    ASSERT_EQ(attach_.create(kClsidPdfAttach, kIidPdfAttach), S_OK);
+  }
+  std::string pdf(const std::string& label, int pages) {
+    auto path = env_.tmp() / (label + ".pdf");
+    test::write_test_pdf(path, label, pages);
+    return path.string();
+  }
+  int32_t open(const std::string& path) {
+    int32_t handle = kNoAttachDocument;
+    EXPECT_EQ(attach_->AttachOpen(path, &handle, ""), S_OK) << path;
+    return handle;
+  }
+  HRESULT insert(int32_t handle, const std::string& path, const insert_args& a = {}) {
+    return attach_->AttachInsert(handle, path, a.password, a.range, a.after, a.rotation, a.title,
+                                 a.flags);
+  }
+
+  component<IPdfAttach> attach_;
+};
+
+// Rotation of each page, and the bookmarks as "title->page number".
+std::pair<std::vector<int>, std::vector<std::string>> layout(const std::string& path) {
+  QPDF pdf;
+  pdf.processFile(path.c_str());
+  std::vector<int> rotations;
+  auto pages = QPDFPageDocumentHelper(pdf).getAllPages();
+  for (auto& page : pages) {
+    auto rotate = page.getAttribute("/Rotate", false);
+    rotations.push_back(rotate.isInteger() ? rotate.getIntValueAsInt() : 0);
+  }
+  std::vector<std::string> outline;
+  QPDFOutlineDocumentHelper outlines(pdf);
+  for (auto& item : outlines.getTopLevelOutlines()) {
+    auto target = item.getDest().getArrayItem(0);
+    int number = 0;
+    for (size_t i = 0; i < pages.size(); ++i)
+      if (pages[i].getObjectHandle().getObjGen() == target.getObjGen()) number = int(i) + 1;
+    outline.push_back(item.getTitle() + "->" + std::to_string(number));
+  }
+  return {rotations, outline};
+}
+
+TEST_F(pdf_attach_test, InsertPlacesThePagesAsAsked) {
+  const struct {
+    const char* name;
+    insert_args args;
+    labels pages;
+    std::vector<int> rotations;
+    std::vector<std::string> outline;
+  } cases[] = {
+      {"defaults", {}, {"a.1", "a.2", "b.1", "b.2", "b.3"}, {0, 0, 0, 0, 0}, {}},
+      {"range", {.range = "3,1"}, {"a.1", "a.2", "b.3", "b.1"}, {0, 0, 0, 0}, {}},
+      {"last page", {.range = "z"}, {"a.1", "a.2", "b.3"}, {0, 0, 0}, {}},
+      {"in front", {.after = "0"}, {"b.1", "b.2", "b.3", "a.1", "a.2"}, {0, 0, 0, 0, 0}, {}},
+      {"in between",
+       {.range = "2-3", .after = "1"},
+       {"a.1", "b.2", "b.3", "a.2"},
+       {0, 0, 0, 0},
+       {}},
+      {"rotated, one page twice",
+       {.range = "1,1", .rotation = "90"},
+       {"a.1", "a.2", "b.1", "b.1"},
+       {0, 0, 90, 90},
+       {}},
+      {"bookmark",
+       {.after = "1", .title = "Teil B \xc3\xa4"},
+       {"a.1", "b.1", "b.2", "b.3", "a.2"},
+       {0, 0, 0, 0, 0},
+       {"Teil B \xc3\xa4->2"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string target = pdf("a", 2);
+    const int32_t handle = open(target);
+    EXPECT_EQ(insert(handle, pdf("b", 3), c.args), S_OK);
+    EXPECT_EQ(attach_->AttachSave(target, handle, 0), S_OK);
+    EXPECT_EQ(test::pdf_page_labels(target), c.pages);
+    auto [rotations, outline] = layout(target);
+    EXPECT_EQ(rotations, c.rotations);
+    EXPECT_EQ(outline, c.outline);
+  }
+}
+
+TEST_F(pdf_attach_test, ABadInsertFailsAndLeavesTheDocumentAsItWas) {
+  const std::string target = pdf("a", 1);
+  const std::string b = pdf("b", 2);
+  const std::string garbage = (env_.tmp() / "garbage.pdf").string();
+  test::write_file(garbage, "%PDF-1.4\nnot really\n");
+  // A PDF whose cross-reference offset is wrong: qpdf repairs it, with a warning.
+  std::string damaged_bytes = test::read_file(b);
+  damaged_bytes.replace(damaged_bytes.rfind("startxref") + 10, 1, "9");
+  const std::string damaged = (env_.tmp() / "damaged.pdf").string();
+  test::write_file(damaged, damaged_bytes);
+  const std::string locked = (env_.tmp() / "locked.pdf").string();
+  {
+    QPDF pdf;
+    pdf.processFile(b.c_str());
+    QPDFWriter writer(pdf, locked.c_str());
+    writer.setR6EncryptionParameters("user", "owner", true, true, true, true, true, true,
+                                     qpdf_r3p_full, true);
+    writer.write();
+  }
+
+  const int32_t handle = open(target);
+  const struct {
+    const char* name;
+    int32_t handle;
+    std::string path;
+    insert_args args;
+    HRESULT hr;
+  } cases[] = {
+      {"page beyond the end", handle, b, {.range = "3"}, E_INVALIDARG},
+      {"range syntax", handle, b, {.range = "one"}, E_INVALIDARG},
+      {"insert beyond the end", handle, b, {.after = "2"}, E_INVALIDARG},
+      {"negative position", handle, b, {.after = "-1"}, E_INVALIDARG},
+      {"odd rotation", handle, b, {.rotation = "45"}, E_INVALIDARG},
+      {"missing file", handle, (env_.tmp() / "none.pdf").string(), {}, kFileNotFound},
+      {"not a PDF", handle, garbage, {}, E_FAIL},
+      {"damaged, strict", handle, damaged, {.flags = kAttachInsertStrict}, E_INVALIDARG},
+      {"no password", handle, locked, {}, kInvalidPassword},
+      {"unknown document", handle + 1, b, {}, kInvalidHandle},
+      {"no document", kNoAttachDocument, b, {}, kInvalidHandle},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(insert(c.handle, c.path, c.args), c.hr);
+  }
+  EXPECT_EQ(insert(handle, damaged), S_OK);
+  EXPECT_EQ(insert(handle, locked, {.password = "user", .range = "2"}), S_OK);
+  EXPECT_EQ(attach_->AttachSave(target, handle, 0), S_OK);
+  EXPECT_EQ(test::pdf_page_labels(target), (labels{"a.1", "b.1", "b.2", "b.2"}));
+}
+
+TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
+  ASSERT_EQ(attach_->AttachInit("Tarn test"), S_OK);
+  const std::string target = pdf("a", 1);
+  ASSERT_EQ(chmod(target.c_str(), 0640), 0);
+  const int32_t handle = open(target);
+  ASSERT_EQ(insert(handle, pdf("b", 1)), S_OK);
+
+  const std::string elsewhere = (env_.tmp() / "no" / "such" / "out.pdf").string();
+  EXPECT_EQ(attach_->AttachSave(elsewhere, handle, 0), kFileNotFound);
+  EXPECT_EQ(attach_->AttachSave(target, kNoAttachDocument, 0), kInvalidHandle);
+  EXPECT_EQ(test::pdf_page_labels(target), labels{"a.1"});
+
+  ASSERT_EQ(attach_->AttachSave(target, handle, kAttachSaveLinearize | kAttachSaveFlush), S_OK);
+  struct stat st;
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+  QPDF saved;
+  saved.processFile(target.c_str());
+  EXPECT_TRUE(saved.isLinearized());
+  EXPECT_EQ(saved.getTrailer().getKey("/Info").getKey("/Producer").getUTF8Value(), "Tarn test");
+  EXPECT_EQ(test::pdf_page_labels(target), (labels{"a.1", "b.1"}));
+
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(env_.tmp()))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"a.pdf", "b.pdf"}));
+
+  // AttachTerm closes the document.
+  EXPECT_EQ(attach_->AttachTerm(), S_OK);
+  EXPECT_EQ(attach_->AttachSave(target, handle, 0), kInvalidHandle);
+}
+
+// Past a number of sources the component reopens files on demand instead of holding them, so
+// a long series fits in a small file descriptor limit.
+TEST_F(pdf_attach_test, JoinsMoreFilesThanTheDescriptorLimit) {
+  constexpr int kFiles = 260;
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  struct rlimit small = saved;
+  small.rlim_cur = 200;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &small), 0);
+  struct restore_limit {
+    rlimit limit;
+    ~restore_limit() { setrlimit(RLIMIT_NOFILE, &limit); }
+  } restore{saved};
+
+  const std::string target = pdf("f0", 1);
+  const int32_t handle = open(target);
+  labels expected{"f0.1"};
+  for (int i = 1; i < kFiles; ++i) {
+    const std::string label = "f" + std::to_string(i);
+    ASSERT_EQ(insert(handle, pdf(label, 1)), S_OK) << label;
+    expected.push_back(label + ".1");
+  }
+  ASSERT_EQ(attach_->AttachSave(target, handle, 0), S_OK);
+  EXPECT_EQ(test::pdf_page_labels(target), expected);
+}
+
+}  // namespace
+}  // namespace tarn

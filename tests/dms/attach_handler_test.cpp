@@ -1,0 +1,138 @@
+#include "dms/attach_handler.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "support/register_component.h"
+#include "support/test_env.h"
+#include "support/test_pdf.h"
+
+namespace tarn {
+namespace {
+
+using labels = std::vector<std::string>;
+
+class attach_handler_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override {
+    test::register_component(reg_root::local_machine, kClsidPdfAttach,
+                             std::string(TARN_DIST_DIR) + "/pdf_attach.so");
+    folder_ = env_.tmp();
+  }
+  std::filesystem::path pdf(const std::string& label, int pages) {
+    auto path = folder_ / (label + ".pdf");
+    test::write_test_pdf(path, label, pages);
+    return path;
+  }
+  std::filesystem::path corrupt(const std::string& label) {
+    auto path = folder_ / (label + ".pdf");
+    test::write_file(path, "%PDF-1.4\nthis is no PDF at all\n");
+    return path;
+  }
+  // The names in the folder, so that a leftover temporary file shows.
+  std::vector<std::string> folder_names() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_))
+      names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::filesystem::path folder_;
+};
+
+TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
+  const struct {
+    const char* name;
+    std::vector<std::pair<std::string, int>> files;  // pages; 0 a corrupt file, -1 none
+    std::vector<bool> attached;
+    std::string result_file;
+    labels result;
+  } cases[] = {
+      {"three files",
+       {{"a", 2}, {"b", 1}, {"c", 3}},
+       {true, true, true},
+       "a",
+       {"a.1", "a.2", "b.1", "c.1", "c.2", "c.3"}},
+      {"single file", {{"a", 2}}, {true}, "a", {"a.1", "a.2"}},
+      {"corrupt in the middle",
+       {{"a", 1}, {"bad", 0}, {"c", 2}},
+       {true, false, true},
+       "a",
+       {"a.1", "c.1", "c.2"}},
+      {"corrupt first", {{"bad", 0}, {"b", 1}, {"c", 1}}, {false, true, true}, "b", {"b.1", "c.1"}},
+      {"missing first", {{"gone", -1}, {"b", 1}}, {false, true}, "b", {"b.1"}},
+      {"same file twice",
+       {{"a", 1}, {"b", 1}, {"b", 1}},
+       {true, true, true},
+       "a",
+       {"a.1", "b.1", "b.1"}},
+  };
+  int row = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    folder_ = env_.tmp() / std::to_string(++row);
+    std::filesystem::create_directory(folder_);
+    std::vector<std::filesystem::path> paths;
+    std::map<std::string, std::string> bytes_before;
+    for (const auto& [label, pages] : c.files) {
+      paths.push_back(pages > 0    ? pdf(label, pages)
+                      : pages == 0 ? corrupt(label)
+                                   : folder_ / (label + ".pdf"));
+      if (pages >= 0) bytes_before[label] = test::read_file(paths.back());
+    }
+    {
+      attach_handler attach;
+      for (size_t i = 0; i < paths.size(); ++i)
+        EXPECT_EQ(attach.attach_file(paths[i]), c.attached[i]) << paths[i];
+      // Nothing is written before the handler ends.
+      EXPECT_EQ(test::read_file(folder_ / (c.result_file + ".pdf")), bytes_before[c.result_file]);
+    }
+    EXPECT_EQ(test::pdf_page_labels(folder_ / (c.result_file + ".pdf")), c.result);
+    std::vector<std::string> names;
+    for (const auto& [label, bytes] : bytes_before) {
+      names.push_back(label + ".pdf");
+      if (label != c.result_file)
+        EXPECT_EQ(test::read_file(folder_ / names.back()), bytes) << label;
+    }
+    EXPECT_EQ(folder_names(), names);
+  }
+}
+
+TEST_F(attach_handler_test, EveryOpenFailingStillEndsTheComponentAndWritesNothing) {
+  const auto first = corrupt("x");
+  const auto second = corrupt("y");
+  {
+    attach_handler attach;
+    EXPECT_FALSE(attach.attach_file(first));
+    EXPECT_FALSE(attach.attach_file(second));
+  }
+  EXPECT_EQ(test::read_file(second), "%PDF-1.4\nthis is no PDF at all\n");
+  EXPECT_EQ(folder_names(), (std::vector<std::string>{"x.pdf", "y.pdf"}));
+}
+
+// The fault connector counts every call of its entry point, whatever class is asked for.
+TEST_F(attach_handler_test, CreatesTheComponentOnlyForAFileAndRetriesAFailedCreation) {
+  test::register_component(reg_root::local_machine, kClsidPdfAttach, FAULT_CONNECTOR);
+  void* library = dlopen(FAULT_CONNECTOR, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto reset = reinterpret_cast<void (*)()>(dlsym(library, "fault_connector_reset"));
+  auto created = reinterpret_cast<int (*)()>(dlsym(library, "fault_connector_created"));
+  reset();
+  { attach_handler attach; }
+  EXPECT_EQ(created(), 0);
+  {
+    attach_handler attach;
+    EXPECT_FALSE(attach.attach_file(pdf("a", 1)));
+    EXPECT_FALSE(attach.attach_file(pdf("b", 1)));
+  }
+  EXPECT_EQ(created(), 2);
+  EXPECT_EQ(test::pdf_page_labels(env_.tmp() / "a.pdf"), labels{"a.1"});
+  dlclose(library);
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,120 @@
+#include "process/simple_http_request.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "canned_http_server.h"
+#include "process/probe.h"
+
+namespace tarn {
+namespace {
+
+using test::canned_http_server;
+
+// A port that nothing listens on: bound once, then let go.
+int closed_port() {
+  canned_http_server gone("");
+  return gone.port();
+}
+
+TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
+  const struct {
+    const char* verb;
+    const char* method;
+  } verbs[] = {
+      {"get", "GET"},     {"Put", "PUT"},         {"post", "POST"},   {"delete", "DELETE"},
+      {"HEAD", "HEAD"},   {"options", "OPTIONS"}, {"trace", "TRACE"}, {"connect", "CONNECT"},
+      {"merge", "MERGE"}, {"pAtCh", "PATCH"},     {"fetch", "GET"},   {"DEL", "GET"},
+  };
+  for (const auto& v : verbs) {
+    SCOPED_TRACE(v.verb);
+    simple_http_request request("http://127.0.0.1:1", v.verb);
+    EXPECT_EQ(request.method(), v.method);
+  }
+
+  const struct {
+    const char* uri;
+    const char* verb;
+    const char* what;
+  } bad[] = {
+      {"http://127.0.0.1:1", "", "verb is empty"},
+      {"", "get", "uri_string is empty"},
+      {"", "", "verb is empty"},  // the verb is tested first
+  };
+  for (const auto& b : bad) {
+    SCOPED_TRACE(std::string(b.uri) + " / " + b.verb);
+    try {
+      simple_http_request request(b.uri, b.verb);
+      ADD_FAILURE() << "no exception";
+    } catch (const std::invalid_argument& e) {
+      EXPECT_STREQ(e.what(), b.what);
+    }
+  }
+}
+
+TEST(simple_http_request_test, SendGivesStatusAndBodyAndTurnsHttpFailuresIntoPlainExceptions) {
+  canned_http_server server(canned_http_server::reply("201 Created", "text/plain", "made"));
+  simple_http_request request(server.uri(), "get");
+  simple_http_request::response reply = request.send();
+  EXPECT_EQ(reply.status, 201);
+  EXPECT_EQ(reply.body, "made");
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_EQ(server.requests()[0].substr(0, 16), "GET / HTTP/1.1\r\n");
+
+  simple_http_request refused("http://127.0.0.1:" + std::to_string(closed_port()), "get");
+  try {
+    refused.send();
+    ADD_FAILURE() << "no exception";
+  } catch (const web::http::http_exception&) {
+    ADD_FAILURE() << "the library's exception leaked out";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()), "");
+  }
+
+  canned_http_server binary(canned_http_server::reply("200 OK", "image/png", "Vantu"));
+  simple_http_request not_text(binary.uri(), "get");
+  try {
+    not_text.send();
+    ADD_FAILURE() << "no exception";
+  } catch (const std::exception& e) {
+    EXPECT_STREQ(e.what(),
+                 "Incorrect Content-Type: must be textual to extract_string, JSON to "
+                 "extract_json.");
+  }
+}
+
+TEST(simple_http_request_test, ProbeCountsOnlyStatus200WithTheWordInTheBody) {
+  const struct {
+    const char* label;
+    std::string reply;
+    bool answers;
+  } cases[] = {
+      {"start page", canned_http_server::reply("200 OK", "text/html", "<title>Vantu Tarn</title>"),
+       true},
+      {"word alone", canned_http_server::reply("200 OK", "text/html", "Vantu"), true},
+      {"word at the end", canned_http_server::reply("200 OK", "text/plain", "made by Vantu"), true},
+      {"upper case", canned_http_server::reply("200 OK", "text/html", "VANTU"), false},
+      {"lower case", canned_http_server::reply("200 OK", "text/html", "vantu"), false},
+      {"shorter than the word", canned_http_server::reply("200 OK", "text/html", "Vant"), false},
+      {"empty body", canned_http_server::reply("200 OK", "text/html", ""), false},
+      {"status 500", canned_http_server::reply("500 Internal Server Error", "text/html", "Vantu"),
+       false},
+      {"status 404", canned_http_server::reply("404 Not Found", "text/html", "Vantu"), false},
+      {"not text", canned_http_server::reply("200 OK", "application/octet-stream", "Vantu"), false},
+      {"connection closed without a reply", "", false},
+      {"garbage instead of HTTP", "Vantu Vantu Vantu\r\n\r\n", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    canned_http_server server(c.reply);
+    EXPECT_EQ(another_gateway_answers(server.uri()), c.answers);
+    EXPECT_EQ(server.requests().size(), 1u);
+  }
+  SCOPED_TRACE("port closed");
+  EXPECT_FALSE(another_gateway_answers("http://127.0.0.1:" + std::to_string(closed_port())));
+  EXPECT_FALSE(another_gateway_answers("not a uri at all ::"));
+}
+
+}  // namespace
+}  // namespace tarn
