@@ -55,7 +55,8 @@ run_result run_clients(int port, int clients, std::chrono::milliseconds duration
   for (int i = 0; i < clients; ++i) {
     threads.emplace_back([&, i] {
       auto socket = std::make_shared<apache::thrift::transport::TSocket>("127.0.0.1", port);
-      auto http = std::make_shared<apache::thrift::transport::THttpClient>(socket, "127.0.0.1", "/");
+      auto http =
+          std::make_shared<apache::thrift::transport::THttpClient>(socket, "127.0.0.1", "/");
       TarnWwySrv::TarnGateWayClient client(
           std::make_shared<apache::thrift::protocol::TJSONProtocol>(http));
       http->open();
@@ -126,12 +127,12 @@ int main(int argc, char** argv) {
   tarn::test::in_process_server stock(
       std::make_shared<apache::thrift::transport::THttpServerTransportFactory>(), handler);
   tarn::test::in_process_server ours(
-      std::make_shared<tarn::thrift_http_server_factory>("index.html",
-                                                         std::make_shared<tarn::dynamic_uri_handler>()),
+      std::make_shared<tarn::thrift_http_server_factory>(
+          "index.html", std::make_shared<tarn::dynamic_uri_handler>()),
       handler);
 
-  std::printf("%-24s %13s %13s %6s %17s %17s %14s\n", "case", "stock calls/s",
-              "ours calls/s", "ratio", "stock p50/p99 us", "ours p50/p99 us", "cpu us/call");
+  std::printf("%-24s %13s %13s %6s %17s %17s %14s\n", "case", "stock calls/s", "ours calls/s",
+              "ratio", "stock p50/p99 us", "ours p50/p99 us", "cpu us/call");
   for (int clients : {1, 8, 64}) {
     run_clients(stock.port(), clients, window / 4);  // warm-up
     run_clients(ours.port(), clients, window / 4);
@@ -142,12 +143,12 @@ int main(int argc, char** argv) {
     }
     const run_result s = median(stock_runs);
     const run_result o = median(our_runs);
-    const std::string label = "get_version, " + std::to_string(clients) + " client" +
-                              (clients == 1 ? "" : "s");
-    std::printf("%-24s %13.0f %13.0f %6.3f %8.0f/%-8.0f %8.0f/%-8.0f %6.1f/%-6.1f\n",
-                label.c_str(), s.calls_per_second, o.calls_per_second,
-                o.calls_per_second / s.calls_per_second, s.p50_us, s.p99_us, o.p50_us, o.p99_us,
-                median_cpu(stock_runs), median_cpu(our_runs));
+    const std::string label =
+        "get_version, " + std::to_string(clients) + " client" + (clients == 1 ? "" : "s");
+    std::printf("%-24s %13.0f %13.0f %6.3f %8.0f/%-8.0f %8.0f/%-8.0f %6.1f/%-6.1f\n", label.c_str(),
+                s.calls_per_second, o.calls_per_second, o.calls_per_second / s.calls_per_second,
+                s.p50_us, s.p99_us, o.p50_us, o.p99_us, median_cpu(stock_runs),
+                median_cpu(our_runs));
     std::fflush(stdout);
   }
   return 0;

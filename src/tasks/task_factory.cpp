@@ -45,8 +45,8 @@ task_factory default_task_factory() {
             const std::shared_ptr<DMS_connector_handler>&) -> std::unique_ptr<task> {
     switch (args.cmd) {
       case 0:
-        return std::make_unique<pending_task>("create_pdf_task", "CREATE_PDF",
-                                              args.doc_refs.size(), log);
+        return std::make_unique<pending_task>("create_pdf_task", "CREATE_PDF", args.doc_refs.size(),
+                                              log);
       case 1:
         return std::make_unique<pending_task>("open_cassistant_task", "CONVERT_WITH_ASSISTANT",
                                               args.doc_refs.size(), log);

@@ -43,8 +43,8 @@ class request_reader : public TVirtualTransport<request_reader> {
         tsocket_(dynamic_cast<TSocket*>(socket_.get())),
         between_requests_(std::move(between_requests)),
         budget_(uint64_t{limits.max_body_bytes} + kHeadAllowance),
-        timeout_ms_(static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(
-            limits.read_timeout.count(), 1, INT_MAX))) {}
+        timeout_ms_(static_cast<int>(
+            std::clamp<std::chrono::milliseconds::rep>(limits.read_timeout.count(), 1, INT_MAX))) {}
 
   void begin_request() { used_ = 0; }
 
@@ -121,8 +121,8 @@ uint32_t parse_content_length(const char* value, uint32_t limit) {
     throw TTransportException("bad Content-Length:" + std::string(text));
   }
   if (length > limit) {
-    throw TTransportException("Content-Length over " + std::to_string(limit) + " bytes:" +
-                              std::string(text));
+    throw TTransportException("Content-Length over " + std::to_string(limit) +
+                              " bytes:" + std::string(text));
   }
   return static_cast<uint32_t>(length);
 }
@@ -144,16 +144,15 @@ thrift_http_server::thrift_http_server(std::shared_ptr<TTransport> transport,
                                        const std::string& default_document,
                                        std::shared_ptr<dynamic_uri_handler> dynamic,
                                        const http_request_limits& limits)
-    : THttpServer(std::make_shared<request_reader>(
-                      std::move(transport),
-                      // Nothing of a request is buffered: the last one was read whole (or this
-                      // is the start), and no byte of the next is in yet.
-                      [this] {
-                        return readHeaders_ && httpPos_ == httpBufLen_ && httpBufLen_ != 0;
-                      },
-                      limits),
-                  std::make_shared<TConfiguration>(
-                      static_cast<int>(std::min<uint32_t>(limits.max_body_bytes, INT_MAX)))),
+    : THttpServer(
+          std::make_shared<request_reader>(
+              std::move(transport),
+              // Nothing of a request is buffered: the last one was read whole (or this
+              // is the start), and no byte of the next is in yet.
+              [this] { return readHeaders_ && httpPos_ == httpBufLen_ && httpBufLen_ != 0; },
+              limits),
+          std::make_shared<TConfiguration>(
+              static_cast<int>(std::min<uint32_t>(limits.max_body_bytes, INT_MAX)))),
       default_uri_("/" + default_document),
       dynamic_(std::move(dynamic)) {}
 
@@ -168,7 +167,8 @@ uint32_t thrift_http_server::readAll_virt(uint8_t* buf, uint32_t len) {
   uint32_t have = 0;
   while (have < len) {
     const uint32_t got = read_virt(buf + have, len - have);
-    if (got == 0) throw TTransportException(TTransportException::END_OF_FILE, "No more data to read.");
+    if (got == 0)
+      throw TTransportException(TTransportException::END_OF_FILE, "No more data to read.");
     have += got;
   }
   return have;
@@ -230,8 +230,7 @@ void thrift_http_server::parseHeader(char* header) {
     const size_t name_length = static_cast<size_t>(colon - header);
     if (strncasecmp(header, "Transfer-Encoding", name_length) != 0 &&
         strncasecmp(header, "Content-length", name_length) == 0) {
-      contentLength_ =
-          parse_content_length(colon + 1, static_cast<uint32_t>(getMaxMessageSize()));
+      contentLength_ = parse_content_length(colon + 1, static_cast<uint32_t>(getMaxMessageSize()));
       chunked_ = false;
       return;
     }
@@ -282,9 +281,9 @@ void thrift_http_server::send_reply(const std::string& reply) {
   readHeaders_ = true;
 }
 
-thrift_http_server_factory::thrift_http_server_factory(
-    const std::string& default_document, std::shared_ptr<dynamic_uri_handler> dynamic,
-    const http_request_limits& limits)
+thrift_http_server_factory::thrift_http_server_factory(const std::string& default_document,
+                                                       std::shared_ptr<dynamic_uri_handler> dynamic,
+                                                       const http_request_limits& limits)
     : default_document_(default_document), dynamic_(std::move(dynamic)), limits_(limits) {}
 
 thrift_http_server_factory::~thrift_http_server_factory() = default;

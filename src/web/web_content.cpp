@@ -47,9 +47,7 @@ unique_fd open_beneath(const std::string& root, const std::string& relative) {
 
   const std::string real_root = real_path(root);
   const std::string real_file = real_path(root + "/" + relative);
-  if (real_root.empty() || real_file.size() <= real_root.size() + 1 ||
-      real_file.compare(0, real_root.size(), real_root) != 0 ||
-      (real_root != "/" && real_file[real_root.size()] != '/')) {
+  if (real_root.empty() || real_file.compare(0, real_root.size() + 1, real_root + "/") != 0) {
     return unique_fd();
   }
   return unique_fd(::open(real_file.c_str(), kOpenFlags | O_NOFOLLOW));
@@ -82,8 +80,12 @@ const char* content_type_of(const std::string& path) {
     const char* extension;
     const char* type;
   } kTypes[] = {
-      {"js", "application/javascript"}, {"gif", "image/gif"}, {"htm", "text/html"},
-      {"html", "text/html"},            {"jpg", "image/jpeg"}, {"png", "image/png"},
+      {"js", "application/javascript"},
+      {"gif", "image/gif"},
+      {"htm", "text/html"},
+      {"html", "text/html"},
+      {"jpg", "image/jpeg"},
+      {"png", "image/png"},
       {"css", "text/css"},
   };
   const size_t slash = path.rfind('/');

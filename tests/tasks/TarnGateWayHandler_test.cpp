@@ -76,11 +76,17 @@ TEST_F(TarnGateWayHandler_test, LogsEachDocumentUnderTheCallsNumberAndPostsOneTa
     std::set<std::string> doc_refs;
     std::vector<std::string> lines;
   } calls[] = {
-      {0, "a", "b", {"d2", "d1"},
+      {0,
+       "a",
+       "b",
+       {"d2", "d1"},
        {R"([0] send_command(CREATE_PDF, "a", "b", "d1"))",
         R"([0] send_command(CREATE_PDF, "a", "b", "d2"))"}},
       {1, "c\"q", "", {"x"}, {R"([1] send_command(CONVERT_WITH_ASSISTANT, "c"q", "", "x"))"}},
-      {2, "a", "b", {"x", "y"},
+      {2,
+       "a",
+       "b",
+       {"x", "y"},
        {R"([2] send_command(n/a, "a", "b", "x"))", R"([2] send_command(n/a, "a", "b", "y"))"}},
       {0, "a", "b", {}, {}},
       {-1, "a", "b", {"z"}, {R"([4] send_command(n/a, "a", "b", "z"))"}},
@@ -95,7 +101,8 @@ TEST_F(TarnGateWayHandler_test, LogsEachDocumentUnderTheCallsNumberAndPostsOneTa
     worker_->run_pending();
     expected.insert(expected.end(), c.lines.begin(), c.lines.end());
     EXPECT_EQ(entries(*log_), expected);
-    if (c.cmd == 0 || c.cmd == 1) expected_tasks.push_back({c.cmd, c.connection, c.location, c.doc_refs});
+    if (c.cmd == 0 || c.cmd == 1)
+      expected_tasks.push_back({c.cmd, c.connection, c.location, c.doc_refs});
   }
   ASSERT_EQ(made_.size(), expected_tasks.size());
   for (size_t i = 0; i < made_.size(); ++i) {
@@ -124,8 +131,12 @@ TEST_F(TarnGateWayHandler_test, DefaultTasksSayWhatTheyCantDoYet) {
   } cases[] = {
       {0, {}, "[...] ERROR: create_pdf_task::do_work() nothing to do."},
       {1, {}, "[...] ERROR: open_cassistant_task::do_work() nothing to do."},
-      {0, {"d1", "d2"}, "[...] ERROR: CREATE_PDF is not handled yet; 2 document(s) left as they are."},
-      {1, {"d1"}, "[...] ERROR: CONVERT_WITH_ASSISTANT is not handled yet; 1 document(s) left as they are."},
+      {0,
+       {"d1", "d2"},
+       "[...] ERROR: CREATE_PDF is not handled yet; 2 document(s) left as they are."},
+      {1,
+       {"d1"},
+       "[...] ERROR: CONVERT_WITH_ASSISTANT is not handled yet; 1 document(s) left as they are."},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
@@ -143,14 +154,17 @@ TEST_F(TarnGateWayHandler_test, ProcessorAnswersTheServiceMessagesByteForByte) {
     std::string call;
     std::optional<std::string> reply;  // nothing: the connection ends
   } cases[] = {
-      {R"([1,"get_version",1,0,{}])", R"j([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])j"},
+      {R"([1,"get_version",1,0,{}])",
+       R"j([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])j"},
       {R"([1,"get_version",4,-7,{"9":{"lst":["i32",1,5]}}])",
        R"j([1,"get_version",2,-7,{"0":{"str":"Vantu Tarn (version 5.0)"}}])j"},
       {R"([1,"send_command",1,7,{"1":{"i32":0},"2":{"str":"ctx-a"},"3":{"str":"ctx-b"},"4":{"set":["str",2,"doc-1","doc-2"]}}])",
        R"([1,"send_command",2,7,{}])"},
       {R"([1,"send_command",1,2147483647,{}])", R"([1,"send_command",2,2147483647,{}])"},
-      {R"([1,"send_command",1,1,{"1":{"i32":5},"4":{"set":["str",1,"x"]}}])", R"([1,"send_command",2,1,{}])"},
-      {R"([1,"nope",1,3,{}])", R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])"},
+      {R"([1,"send_command",1,1,{"1":{"i32":5},"4":{"set":["str",1,"x"]}}])",
+       R"([1,"send_command",2,1,{}])"},
+      {R"([1,"nope",1,3,{}])",
+       R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])"},
       {R"([1,"Get_Version",1,3,{}])",
        R"([1,"Get_Version",3,3,{"1":{"str":"Invalid method name: 'Get_Version'"},"2":{"i32":1}}])"},
       {R"([1,"get_version",2,0,{}])", std::nullopt},
@@ -186,12 +200,15 @@ TEST_F(TarnGateWayHandler_test, ProcessorReadsCommandArgumentsAsTheClientMeantTh
     EXPECT_EQ(made_[0].doc_refs, c.expected.doc_refs);
   }
 
-  for (const std::string bad : {R"([2,"get_version",1,0,{}])",
-                                R"([1,"send_command",1,0,{"4":{"set":["str",3,"a"]}}])",
-                                R"([1,"send_command",1,0,{"1":{"xx":0}}])",
-                                R"([1,"get_version",1,0,{"1":{"str":"\u00zz"}}])",
-                                // TJSONProtocol knows no escaped solidus.
-                                R"([1,"get_version",1,0,{"1":{"str":"\/"}}])"}) {
+  // Unknown fields nested past the protocol's depth limit of 64.
+  std::string nested = "{}";
+  for (int depth = 0; depth < 64; ++depth) nested = R"({"1":{"rec":)" + nested + "}}";
+  for (const std::string& bad : std::vector<std::string>{
+           R"([2,"get_version",1,0,{}])", R"([1,"send_command",1,0,{"4":{"set":["str",3,"a"]}}])",
+           R"([1,"get_version",1,0,)" + nested + "]", R"([1,"send_command",1,0,{"1":{"xx":0}}])",
+           R"([1,"get_version",1,0,{"1":{"str":"\u00zz"}}])",
+           // TJSONProtocol knows no escaped solidus.
+           R"([1,"get_version",1,0,{"1":{"str":"\/"}}])"}) {
     SCOPED_TRACE(bad);
     EXPECT_THROW(process(bad), TProtocolException);
   }

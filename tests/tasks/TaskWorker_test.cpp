@@ -105,8 +105,7 @@ TEST_F(TaskWorker_test, ThrowingTaskIsReportedAndEmptiesTheSlot) {
   testing::internal::CaptureStderr();
   run_events();
   const std::string trace = testing::internal::GetCapturedStderr();
-  EXPECT_NE(trace.find("TaskWorker: a task ended with an exception: disk gone"),
-            std::string::npos)
+  EXPECT_NE(trace.find("TaskWorker: a task ended with an exception: disk gone"), std::string::npos)
       << trace;
 
   worker_->post(record("next"));

@@ -26,8 +26,8 @@ class in_process_server {
     using namespace apache::thrift;
     socket_ = std::make_shared<transport::TServerSocket>("127.0.0.1", 0);
     server_ = std::make_shared<server::TThreadedServer>(
-        std::make_shared<TarnWwySrv::TarnGateWayProcessor>(std::move(handler)), socket_,
-        transports, std::make_shared<protocol::TJSONProtocolFactory>(),
+        std::make_shared<TarnWwySrv::TarnGateWayProcessor>(std::move(handler)), socket_, transports,
+        std::make_shared<protocol::TJSONProtocolFactory>(),
         std::make_shared<concurrency::ThreadFactory>(false));
     auto listening = std::make_shared<ready_event>();
     std::future<void> ready = listening->promise.get_future();

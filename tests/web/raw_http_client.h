@@ -75,8 +75,7 @@ class raw_http_client {
  private:
   bool read_some(std::string& into) {
     pollfd p{fd_.get(), POLLIN, 0};
-    const int ready = ::poll(&p, 1, static_cast<int>(
-                                        std::chrono::milliseconds(kWatchdog).count()));
+    const int ready = ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kWatchdog).count()));
     if (ready <= 0) {
       ADD_FAILURE() << "the server neither answered nor closed within " << kWatchdog.count()
                     << " s";

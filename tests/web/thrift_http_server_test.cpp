@@ -64,7 +64,8 @@ std::string mask_dates(const std::string& reply) {
   for (size_t at = reply.find("Date: "); at != std::string::npos; at = reply.find("Date: ", at + 1))
     ++dates;
   size_t masks = 0;
-  for (size_t at = masked.find("<date>"); at != std::string::npos; at = masked.find("<date>", at + 1))
+  for (size_t at = masked.find("<date>"); at != std::string::npos;
+       at = masked.find("<date>", at + 1))
     ++masks;
   EXPECT_EQ(masks, dates) << "a Date value out of form in: " << reply;
   return masked;
@@ -99,12 +100,12 @@ class thrift_http_server_test : public test::sandboxed_test {
     root_ = env_.root() / "www-data";
     fs::create_directories(root_ / "sub");
     const std::vector<std::pair<std::string, std::string>> files = {
-        {"style.css", "p{color:0}\n"},   {"index.html", "<p>Vantu</p>"},
-        {"sub/page.css", "b{}"},         {"README", "read me"},
-        {"data.JSON", "{}"},             {"name.", "dot"},
-        {"archive.tar.js", "var a;"},    {".css", "i{}"},
-        {"a b.html", "blank"},           {"empty.txt", ""},
-        {"logs", "a file named logs"},   {"image.png", std::string("\x89PNG\r\n\0\x1a\n", 9)},
+        {"style.css", "p{color:0}\n"}, {"index.html", "<p>Vantu</p>"},
+        {"sub/page.css", "b{}"},       {"README", "read me"},
+        {"data.JSON", "{}"},           {"name.", "dot"},
+        {"archive.tar.js", "var a;"},  {".css", "i{}"},
+        {"a b.html", "blank"},         {"empty.txt", ""},
+        {"logs", "a file named logs"}, {"image.png", std::string("\x89PNG\r\n\0\x1a\n", 9)},
     };
     for (const auto& [name, bytes] : files) test::write_file(root_ / name, bytes);
     test::write_file(env_.root() / "secret.txt", "outside");
@@ -156,12 +157,14 @@ TEST_F(thrift_http_server_test, PostKeepsTheConnectionForTheNextCall) {
   // Two calls in one write, and an unknown method, on the same connection.
   client.send(post(kGetVersion) + post(R"([1,"nope",1,3,{}])"));
   EXPECT_EQ(mask_dates(client.read_reply()), post_reply(kVersionReply));
-  EXPECT_EQ(mask_dates(client.read_reply()),
-            post_reply(R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])"));
+  EXPECT_EQ(
+      mask_dates(client.read_reply()),
+      post_reply(R"([1,"nope",3,3,{"1":{"str":"Invalid method name: 'nope'"},"2":{"i32":1}}])"));
   // A chunked call, then one more: THttpTransport alone would swallow the second.
-  client.send("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
-              "4;ext=1\r\n[1,\"\r\n14\r\nget_version\",1,0,{}]\r\n0\r\nTrailer: x\r\n\r\n" +
-              post(kGetVersion));
+  client.send(
+      "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+      "4;ext=1\r\n[1,\"\r\n14\r\nget_version\",1,0,{}]\r\n0\r\nTrailer: x\r\n\r\n" +
+      post(kGetVersion));
   EXPECT_EQ(mask_dates(client.read_reply()), post_reply(kVersionReply));
   EXPECT_EQ(mask_dates(client.read_reply()), post_reply(kVersionReply));
 }
@@ -194,7 +197,8 @@ TEST_F(thrift_http_server_test, GetAndOptionsAnswerThenClose) {
       {"GET /a%20b.html HTTP/1.1\r\n\r\n", kNotFound},
       {"GET /index.html?x=1 HTTP/1.1\r\n\r\n", kNotFound},
       {"GET /empty.txt HTTP/1.1\r\n\r\n", file_reply("text/plain", "")},
-      {"GET /image.png HTTP/1.1\r\n\r\n", file_reply("image/png", std::string("\x89PNG\r\n\0\x1a\n", 9))},
+      {"GET /image.png HTTP/1.1\r\n\r\n",
+       file_reply("image/png", std::string("\x89PNG\r\n\0\x1a\n", 9))},
       {"GET //style.css HTTP/1.1\r\n\r\n", file_reply("text/css", "p{color:0}\n")},
       // Nothing outside the web folder, whatever a link inside it says; links within it work.
       {"GET /outside.txt HTTP/1.1\r\n\r\n", kNotFound},
@@ -308,8 +312,10 @@ TEST_F(thrift_http_server_test, RequestOverItsLimitsEndsOnlyItsConnection) {
        "TConnectedClient died: Content-Length over 1000 bytes: 1001"},
       {"chunks", "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks,
        "TConnectedClient died: request larger than 1049576 bytes"},
-      {"endless header", "POST / HTTP/1.1\r\nX: " + over, "TConnectedClient died: request larger than 1049576 bytes"},
-      {"endless request line", "GET /" + over, "TConnectedClient died: request larger than 1049576 bytes"},
+      {"endless header", "POST / HTTP/1.1\r\nX: " + over,
+       "TConnectedClient died: request larger than 1049576 bytes"},
+      {"endless request line", "GET /" + over,
+       "TConnectedClient died: request larger than 1049576 bytes"},
       // Silence within a request ends it as a time-out, which TSocket reports itself.
       {"stalled body", "POST / HTTP/1.1\r\nContent-Length: 24\r\n\r\n[1,", kTimedOut},
       {"stalled headers", "POST / HTTP/1.1\r\n", kTimedOut},

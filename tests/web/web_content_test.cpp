@@ -12,15 +12,24 @@ TEST(web_content_test, TypeComesFromTheLastDotBehindTheLastSlash) {
     const char* path;
     const char* type;
   } cases[] = {
-      {"/w/www-data/a.js", "application/javascript"}, {"/w/www-data/a.gif", "image/gif"},
-      {"/w/www-data/a.htm", "text/html"},             {"/w/www-data/a.html", "text/html"},
-      {"/w/www-data/a.jpg", "image/jpeg"},            {"/w/www-data/a.png", "image/png"},
-      {"/w/www-data/a.css", "text/css"},              {"/w/www-data/a.tar.js", "application/javascript"},
-      {"/w/www-data/.css", "text/css"},               {"/w/www-data/a.JS", "text/plain"},
-      {"/w/www-data/a.HTML", "text/plain"},           {"/w/www-data/a.jpeg", "text/plain"},
-      {"/w/www-data/a.svg", "text/plain"},            {"/w/www-data/a.json", "text/plain"},
-      {"/w/www-data/a.", "text/plain"},               {"/w/www-data/README", "text/plain"},
-      {"/w/site.d/www-data/logs", "text/plain"},      {"/w/www-data/a.css?x=1", "text/plain"},
+      {"/w/www-data/a.js", "application/javascript"},
+      {"/w/www-data/a.gif", "image/gif"},
+      {"/w/www-data/a.htm", "text/html"},
+      {"/w/www-data/a.html", "text/html"},
+      {"/w/www-data/a.jpg", "image/jpeg"},
+      {"/w/www-data/a.png", "image/png"},
+      {"/w/www-data/a.css", "text/css"},
+      {"/w/www-data/a.tar.js", "application/javascript"},
+      {"/w/www-data/.css", "text/css"},
+      {"/w/www-data/a.JS", "text/plain"},
+      {"/w/www-data/a.HTML", "text/plain"},
+      {"/w/www-data/a.jpeg", "text/plain"},
+      {"/w/www-data/a.svg", "text/plain"},
+      {"/w/www-data/a.json", "text/plain"},
+      {"/w/www-data/a.", "text/plain"},
+      {"/w/www-data/README", "text/plain"},
+      {"/w/site.d/www-data/logs", "text/plain"},
+      {"/w/www-data/a.css?x=1", "text/plain"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);

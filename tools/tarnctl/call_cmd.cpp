@@ -2,7 +2,7 @@
 // client does, with Thrift's own HTTP client and JSON protocol, e.g.
 //   tarnctl call send_command --cmd CREATE_PDF --connection C --location L 1234 5678
 #include <thrift/TApplicationException.h>
-#include <thrift/TOutput.h>
+#include <thrift/Thrift.h>
 #include <thrift/protocol/TJSONProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
 #include <thrift/transport/THttpClient.h>
@@ -11,8 +11,8 @@
 
 #include <charconv>
 #include <cmath>
-#include <iostream>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <set>
@@ -74,8 +74,8 @@ int with_client(const call_options& options,
     call(client);
   } catch (const TTransportException& e) {
     if (e.getType() == TTransportException::TIMED_OUT) {
-      std::cerr << "tarnctl call: no answer from " << where << " within "
-                << options.timeout_seconds << " s\n";
+      std::cerr << "tarnctl call: no answer from " << where << " within " << options.timeout_seconds
+                << " s\n";
     } else {
       std::cerr << "tarnctl call: the gateway at " << where
                 << " ended the connection without an answer: " << e.what() << "\n";
@@ -86,8 +86,8 @@ int with_client(const call_options& options,
               << "\n";
     return kExitFailed;
   } catch (const TProtocolException& e) {
-    std::cerr << "tarnctl call: the answer from " << where << " isn't a Thrift JSON message: "
-              << e.what() << "\n";
+    std::cerr << "tarnctl call: the answer from " << where
+              << " isn't a Thrift JSON message: " << e.what() << "\n";
     return kExitFailed;
   }
   http->close();
@@ -99,8 +99,7 @@ int with_client(const call_options& options,
 void add_call_command(CLI::App& app, int* exit_code) {
   auto options = std::make_shared<call_options>();
   auto* call = app.add_subcommand(
-      "call",
-      "Call the running gateway's service over HTTP and JSON, as the browser client does.");
+      "call", "Call the running gateway's service over HTTP and JSON, as the browser client does.");
   call->fallthrough();
   call->require_subcommand(1);
   call->add_option("--host", options->host, "The gateway's host")->capture_default_str();

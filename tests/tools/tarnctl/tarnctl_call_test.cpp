@@ -37,8 +37,8 @@ TEST_F(tarnctl_call_test, CallsTheGatewayThroughItsHttpTransport) {
   EXPECT_EQ(r.out, "Vantu Tarn (version 5.0)\n");
 
   r = tarnctl({"call", "--host=127.0.0.1", "--port", port(), "send_command", "--cmd",
-               "CONVERT_WITH_ASSISTANT", "--connection", "c \"x\"", "--location", "l", "--",
-               "d2", "-d1"});
+               "CONVERT_WITH_ASSISTANT", "--connection", "c \"x\"", "--location", "l", "--", "d2",
+               "-d1"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out, "The gateway took CONVERT_WITH_ASSISTANT with 2 document(s).\n");
   r = tarnctl({"call", "send_command", "--cmd", "-3", "--host=127.0.0.1", "--port", port()});
