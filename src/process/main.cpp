@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "dialogs/dialog_look.h"
 #include "log/trace.h"
 #include "process/CTarnGateWayApp.h"
 #include "process/exit_codes.h"
@@ -27,7 +28,8 @@ Exit codes:
 
 Environment:
   TARN_TRACE=85  write the diagnostic lines to standard error
-  QT_QPA_PLATFORM  Qt platform; without a display "offscreen" is used)";
+  QT_QPA_PLATFORM  Qt platform; without a display, or with one that can't be reached,
+                   "offscreen" is used)";
 
 bool has_value(const char* name) {
   const char* value = std::getenv(name);
@@ -60,6 +62,9 @@ int main(int argc, char** argv) {
   }
 
   use_offscreen_without_display();
+  // A DISPLAY whose server has gone (a session that ended, a stale variable) would abort Qt
+  // as well: with a list of platforms it falls back to offscreen instead.
+  tarn::prefer_display_platform();
   QApplication qt(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
   QCoreApplication::setApplicationName("tarngateway");

@@ -1,6 +1,7 @@
 // The real tarngateway on port 9090, spoken to in raw bytes.
 #include <signal.h>
 
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <vector>
@@ -227,6 +228,20 @@ TEST_F(gateway_e2e_test, APortTakenByAForeignProgramEndsTheGatewayWithAMessage) 
   const std::string err = gateway.error_output();
   EXPECT_NE(err.find("tarngateway: can't listen on port 9090: "), std::string::npos) << err;
   EXPECT_NE(err.find("Address already in use"), std::string::npos) << err;
+}
+
+TEST_F(gateway_e2e_test, ADisplayWhoseServerIsGoneLeavesTheGatewayServing) {
+  // A number with neither a socket nor a lock file: no X server answers there.
+  int number = 100;
+  while (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(number)) ||
+         std::filesystem::exists("/tmp/.X" + std::to_string(number) + "-lock"))
+    ++number;
+  env_.set_env("DISPLAY", ":" + std::to_string(number));
+  auto gateway = start_listening("dead-display");
+  raw_http_client client(kPort);
+  ASSERT_TRUE(client.send(post_request(kVersionCall)));
+  EXPECT_EQ(date_checked(client.read_reply()), post_reply(kVersionReply));
+  stop(*gateway);
 }
 
 TEST_F(gateway_e2e_test, EachStopSignalEndsTheGatewayInTimeWithAClientConnected) {
