@@ -4,32 +4,46 @@
 const tarnGateway = (() => {
   let nextSeqid = 1;
 
-  // Posts one call and gives the reply's result struct. Rejects with an Error whose text says
-  // what went wrong: no answer, an HTTP status, or an exception message of the service.
-  async function call(method, args = {}) {
+  // Posts one call. Gives the message text as posted, the reply text as it came, and the
+  // reply's result struct. Rejects with an Error whose text says what went wrong (no answer,
+  // an HTTP status, an exception message of the service) and which carries `sent` and, when
+  // a reply came, `received`.
+  async function exchange(method, args = {}) {
     const seqid = nextSeqid++;
-    const message = JSON.stringify([1, method, 1, seqid, args]);
+    const sent = JSON.stringify([1, method, 1, seqid, args]);
+    const fail = (text, received) => Object.assign(new Error(text), { sent, received });
     let reply;
     try {
       reply = await fetch('/', {
         method: 'POST',
         headers: { 'Content-Type': 'application/x-thrift' },
-        body: message,
+        body: sent,
         cache: 'no-store',
       });
     } catch (e) {
-      throw new Error('no answer from the gateway');
+      throw fail('no answer from the gateway');
     }
-    if (!reply.ok) throw new Error('the gateway answered HTTP ' + reply.status);
-    const answer = JSON.parse(await reply.text());
+    const received = await reply.text();
+    if (!reply.ok) throw fail('the gateway answered HTTP ' + reply.status, received);
+    let answer;
+    try {
+      answer = JSON.parse(received);
+    } catch (e) {
+      answer = null;
+    }
     if (!Array.isArray(answer) || answer.length !== 5 || answer[3] !== seqid) {
-      throw new Error('the reply is not a Thrift message for this call');
+      throw fail('the reply is not a Thrift message for this call', received);
     }
     if (answer[2] === 3) {
       const text = answer[4]['1'] ? answer[4]['1'].str : 'unknown error';
-      throw new Error('the gateway refused the call: ' + text);
+      throw fail('the gateway refused the call: ' + text, received);
     }
-    return answer[4];
+    return { sent, received, result: answer[4] };
+  }
+
+  // Posts one call and gives the reply's result struct; rejects as exchange() does.
+  async function call(method, args = {}) {
+    return (await exchange(method, args)).result;
   }
 
   async function getVersion() {
@@ -40,7 +54,7 @@ const tarnGateway = (() => {
     return result['0'].str;
   }
 
-  return { call, getVersion };
+  return { exchange, call, getVersion };
 })();
 
 (() => {
