@@ -19,15 +19,23 @@ function(tarn_component name)
   target_link_options(${name} PRIVATE -Wl,--no-undefined)
 endfunction()
 
-# tarn_test(NAME SOURCES... [DEPS ...] [LABELS ...] [PROPERTIES ...] [OWN_MAIN]): one GoogleTest
-# executable per folder. OWN_MAIN when a source brings main() (e.g. to make a QApplication).
+# tarn_test(NAME SOURCES... [DEPS ...] [LABELS ...] [PROPERTIES ...] [OWN_MAIN] [ONE_PROCESS]):
+# one GoogleTest executable per folder. OWN_MAIN when a source brings main() (e.g. to make a
+# QApplication). ONE_PROCESS registers the whole executable as one test, so that its cases can
+# share what is costly to start (a gateway, an office) instead of running one process each.
 function(tarn_test name)
-  cmake_parse_arguments(arg "OWN_MAIN" "" "SOURCES;DEPS;LABELS;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(arg "OWN_MAIN;ONE_PROCESS" "" "SOURCES;DEPS;LABELS;PROPERTIES" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_link_libraries(${name} PRIVATE tarn_test_support ${arg_DEPS} GTest::gmock GTest::gtest)
   if(NOT arg_OWN_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
+  if(arg_ONE_PROCESS)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES
+      ENVIRONMENT "QT_QPA_PLATFORM=offscreen" LABELS "${arg_LABELS}" ${arg_PROPERTIES})
+    return()
   endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60

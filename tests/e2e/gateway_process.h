@@ -28,6 +28,7 @@ class gateway_process {
   gateway_process& operator=(const gateway_process&) = delete;
 
   bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
 
   // Tries to connect to port 9090 until it works; false when the process ended first or the
   // deadline passed.

@@ -64,6 +64,13 @@ class raw_http_client {
     return take(std::min(pending_.size(), end + 4 + length));
   }
 
+  // True when a byte of a reply (or the close) is already there; never waits.
+  bool has_data() {
+    if (!pending_.empty()) return true;
+    pollfd p{fd_.get(), POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0;
+  }
+
   // True when the server closes the connection without sending anything more.
   bool closed_by_server() {
     std::string rest;
