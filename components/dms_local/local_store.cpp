@@ -108,9 +108,9 @@ std::string utc_now() {
 // Test hook: TARN_DMS_TEST_STALL="<point>:<fd>" stops a write at <point>, tells the test by
 // writing one byte to fd, and waits there to be killed.
 void stall_here_for_test(std::string_view point) {
-  const char* spec = std::getenv("TARN_DMS_TEST_STALL");
-  if (spec == nullptr) return;
-  const std::string_view text(spec);
+  const char* stall = std::getenv("TARN_DMS_TEST_STALL");
+  if (stall == nullptr) return;
+  const std::string_view text(stall);
   const size_t colon = text.find(':');
   if (colon == std::string_view::npos || text.substr(0, colon) != point) return;
   int fd = -1;
