@@ -19,28 +19,20 @@
 namespace tarn {
 namespace {
 
-constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
-
-// The Windows error codes a caller would expect for these causes, as HRESULTs.
-constexpr HRESULT kErrorNotFound = static_cast<HRESULT>(0x80070002u);     // ERROR_FILE_NOT_FOUND
-constexpr HRESULT kErrorInvalidData = static_cast<HRESULT>(0x8007000Du);  // ERROR_INVALID_DATA
-constexpr HRESULT kErrorDiskFull = static_cast<HRESULT>(0x80070070u);     // ERROR_DISK_FULL
-constexpr HRESULT kErrorBusy = static_cast<HRESULT>(0x800700AAu);         // ERROR_BUSY
-
 HRESULT hresult_of(store_status status) {
   switch (status) {
     case store_status::ok:
       return S_OK;
     case store_status::not_found:
-      return kErrorNotFound;
+      return kHrFileNotFound;
     case store_status::invalid:
       return E_INVALIDARG;
     case store_status::read_only:
       return E_ACCESSDENIED;
     case store_status::no_space:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     case store_status::busy:
-      return kErrorBusy;
+      return kHrBusy;
     case store_status::failed:
       break;
   }
@@ -50,7 +42,7 @@ HRESULT hresult_of(store_status status) {
 HRESULT hresult_of_errno(int error) {
   switch (error) {
     case ENOENT:
-      return kErrorNotFound;
+      return kHrFileNotFound;
     case EACCES:
     case EPERM:
     case EROFS:
@@ -58,7 +50,7 @@ HRESULT hresult_of_errno(int error) {
     case ENOSPC:
     case EDQUOT:
     case EFBIG:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     default:
       return E_FAIL;
   }
@@ -128,7 +120,7 @@ class dms_local_connector final : public IDMSHelper {
       std::string why;
       const HRESULT hr = find(dms_connection, doc_ref, &v, &why);
       // An unknown document is no error here: the empty item says so.
-      if (hr == kErrorNotFound || hr == E_INVALIDARG) {
+      if (hr == kHrFileNotFound || hr == E_INVALIDARG) {
         TARN_TRACE(kTraceWarning, "dms_local: SelectDocItem: %s", why.c_str());
         return S_FALSE;
       }
@@ -160,7 +152,7 @@ class dms_local_connector final : public IDMSHelper {
         return traced(hresult_of_errno(copied.error), "DocOpen", v.ref() + ": " + copied.text);
       if (copied.size != v.size) {
         cache_.remove(copy);
-        return traced(kErrorInvalidData, "DocOpen",
+        return traced(kHrInvalidData, "DocOpen",
                       v.ref() + ": " + source.string() + " holds " + std::to_string(copied.size) +
                           " bytes, the catalogue says " + std::to_string(v.size));
       }

@@ -20,30 +20,22 @@
 namespace tarn {
 namespace {
 
-constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
-constexpr HRESULT kErrorFileNotFound = static_cast<HRESULT>(0x80070002u);
-constexpr HRESULT kErrorPathNotFound = static_cast<HRESULT>(0x80070003u);
-constexpr HRESULT kErrorInvalidHandle = static_cast<HRESULT>(0x80070006u);
-constexpr HRESULT kErrorWriteProtect = static_cast<HRESULT>(0x80070013u);
-constexpr HRESULT kErrorDiskFull = static_cast<HRESULT>(0x80070070u);
-constexpr HRESULT kErrorInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
-
 bool same_id(const char* a, const char* b) { return a != nullptr && strcasecmp(a, b) == 0; }
 
 HRESULT hresult_of_errno(int code) {
   switch (code) {
     case ENOENT:
-      return kErrorFileNotFound;
+      return kHrFileNotFound;
     case ENOTDIR:
-      return kErrorPathNotFound;
+      return kHrPathNotFound;
     case EACCES:
     case EPERM:
       return E_ACCESSDENIED;
     case EROFS:
-      return kErrorWriteProtect;
+      return kHrWriteProtect;
     case ENOSPC:
     case EDQUOT:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     case ENOMEM:
       return E_OUTOFMEMORY;
     default:
@@ -62,7 +54,7 @@ HRESULT guarded(const char* method, const std::string& path, Work&& work) noexce
     hr = hresult_of_errno(e.getErrno());
     what = e.what();
   } catch (const QPDFExc& e) {
-    hr = e.getErrorCode() == qpdf_e_password ? kErrorInvalidPassword : E_FAIL;
+    hr = e.getErrorCode() == qpdf_e_password ? kHrInvalidPassword : E_FAIL;
     what = e.what();
   } catch (const std::invalid_argument& e) {
     hr = E_INVALIDARG;
@@ -128,7 +120,7 @@ class pdf_attach final : public IPdfAttach {
   HRESULT AttachSave(const std::string& path, int32_t handle, int32_t flags) override {
     return guarded("AttachSave", path, [&] {
       auto found = documents_.find(handle);
-      if (found == documents_.end()) return kErrorInvalidHandle;
+      if (found == documents_.end()) return kHrInvalidHandle;
       found->second->save(path, (flags & kAttachSaveLinearize) != 0,
                           (flags & kAttachSaveFlush) != 0, producer_);
       return S_OK;
@@ -141,7 +133,7 @@ class pdf_attach final : public IPdfAttach {
                        int32_t flags) override {
     return guarded("AttachInsert", path, [&] {
       auto found = documents_.find(handle);
-      if (found == documents_.end()) return kErrorInvalidHandle;
+      if (found == documents_.end()) return kHrInvalidHandle;
       insert_options options{password, page_range,    insert_after,
                              rotation, outline_title, (flags & kAttachInsertStrict) != 0};
       found->second->insert(path, options);

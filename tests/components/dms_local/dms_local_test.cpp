@@ -22,10 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::select_item;
 
-constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80070002u);
-constexpr HRESULT kInvalidData = static_cast<HRESULT>(0x8007000Du);
-constexpr HRESULT kDiskFull = static_cast<HRESULT>(0x80070070u);
-
 size_t entries_in(const fs::path& dir) {
   std::error_code ec;
   return static_cast<size_t>(std::distance(fs::directory_iterator(dir, ec), {}));
@@ -249,12 +245,12 @@ TEST_F(dms_local_test, RefusedSavesStoreNothing) {
     const char* connection;
     HRESULT hr;
   } cases[] = {
-      {kSaveNewRelatedDocument, pdf, "9.1", "", kNotFound},
-      {kSaveNewVersion, pdf, "1.5", "", kNotFound},
+      {kSaveNewRelatedDocument, pdf, "9.1", "", kHrFileNotFound},
+      {kSaveNewVersion, pdf, "1.5", "", kHrFileNotFound},
       {kSaveNewVersion, pdf, "../1.1", "", E_INVALIDARG},
-      {kSaveNewVersion, pdf, "1.1", "other", kNotFound},
+      {kSaveNewVersion, pdf, "1.1", "other", kHrFileNotFound},
       {3, pdf, "1.1", "", E_INVALIDARG},
-      {kSaveNewDocument, env_.root() / "in" / "missing.pdf", "1.1", "", kNotFound},
+      {kSaveNewDocument, env_.root() / "in" / "missing.pdf", "1.1", "", kHrFileNotFound},
       {kSaveNewDocument, env_.root() / "in", "1.1", "", E_INVALIDARG},
       {kSaveNewDocument, pdf, "", "../default", E_INVALIDARG},
   };
@@ -362,8 +358,8 @@ TEST_F(dms_local_test, DamagedContentFailsTheOpenAndLeavesNoCopy) {
     std::function<void(const fs::path&)> damage;
     HRESULT hr;
   } cases[] = {
-      {"deleted", [](const fs::path& p) { fs::remove(p); }, kNotFound},
-      {"truncated", [](const fs::path& p) { fs::resize_file(p, 3); }, kInvalidData},
+      {"deleted", [](const fs::path& p) { fs::remove(p); }, kHrFileNotFound},
+      {"truncated", [](const fs::path& p) { fs::resize_file(p, 3); }, kHrInvalidData},
   };
   int number = 0;
   for (const auto& c : cases) {
@@ -415,7 +411,7 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
   const fs::path big = input("big.bin", std::string(1 << 20, 'b'));
   if (small.mounted()) {
     RecordProperty("full_disk", "tmpfs of 256 KiB");
-    EXPECT_EQ(save(kSaveNewDocument, big, "", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewDocument, big, "", "", "", dms.get()), kHrDiskFull);
     // Filled up in pages: with none left the content can't be written, with one left the
     // content fits and the catalogue's journal doesn't.
     const fs::path filler = env_.root() / "small" / "filler";
@@ -423,9 +419,9 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
     int pages = 0;
     while (std::ofstream(filler / std::to_string(pages)) << std::string(4096, 'f') << std::flush)
       ++pages;
-    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kHrDiskFull);
     fs::remove(filler / "0");
-    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kHrDiskFull);
     fs::remove_all(filler);
   } else {
     // Without the right to mount: a child process whose files may not grow past 256 KiB.
@@ -439,7 +435,7 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
       std::string item;
       const HRESULT hr = in_child->SaveDocItem(kSaveNewDocument, big.string(), "", "", "",
                                                "big.bin", "", 0, &item);
-      _exit(hr == kDiskFull ? 0 : 1);
+      _exit(hr == kHrDiskFull ? 0 : 1);
     }
     EXPECT_EQ(exit_status(child), 0);
   }

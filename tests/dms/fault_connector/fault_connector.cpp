@@ -83,7 +83,7 @@ class fault_connector final : public IDMSHelper {
   HRESULT DocGetLocalFile(const std::string& connection, const std::string& item_id,
                           std::string* path) override {
     record("DocGetLocalFile(" + connection + ", " + item_id + ")");
-    if (fault("DocGetLocalFile")) return static_cast<HRESULT>(0x80070002u);
+    if (fault("DocGetLocalFile")) return kHrFileNotFound;
     if (!state.open_items.count(item_id)) return E_INVALIDARG;
     *path = local_path(item_id);
     return S_OK;
@@ -117,7 +117,7 @@ class fault_connector final : public IDMSHelper {
     record("SaveDocItem(" + std::to_string(mode) + ", " + local_path + ", " + connection + ", " +
            location + ", " + folder + ", " + file_name + ", " + doc_ref + ", " +
            std::to_string(flags) + ")");
-    if (fault("SaveDocItem")) return static_cast<HRESULT>(0x80070070u);
+    if (fault("SaveDocItem")) return kHrDiskFull;
     if (!std::filesystem::exists(local_path)) return E_INVALIDARG;
     *item_id = "saved" + std::to_string(state.next_item++);
     state.open_items.insert(*item_id);
