@@ -1,12 +1,9 @@
 // The PDF joining component on qpdf: the IPdfAttach object and the library's entry point.
 // Every method turns qpdf's exceptions into a failure code and a line on the diagnostic
 // channel; nothing is thrown across the library's border.
-#include <strings.h>
-
 #include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFSystemError.hh>
 
-#include <atomic>
 #include <cerrno>
 #include <map>
 #include <memory>
@@ -15,12 +12,11 @@
 
 #include "attach_document.h"
 #include "dms/IPdfAttach.h"
+#include "dms/unknown_impl.h"
 #include "log/trace.h"
 
 namespace tarn {
 namespace {
-
-bool same_id(const char* a, const char* b) { return a != nullptr && strcasecmp(a, b) == 0; }
 
 HRESULT hresult_of_errno(int code) {
   switch (code) {
@@ -71,26 +67,9 @@ HRESULT guarded(const char* method, const std::string& path, Work&& work) noexce
   return hr;
 }
 
-class pdf_attach final : public IPdfAttach {
+class pdf_attach final : public unknown_impl<IPdfAttach> {
  public:
-  ~pdf_attach() override = default;
-
-  HRESULT QueryInterface(const char* iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    if (!same_id(iid, kIidPdfAttach) && !same_id(iid, kIidUnknown)) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IPdfAttach*>(this);
-    AddRef();
-    return S_OK;
-  }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t left = --refs_;
-    if (left == 0) delete this;
-    return left;
-  }
+  pdf_attach() : unknown_impl(kIidPdfAttach) {}
 
   HRESULT AttachInit(const std::string& producer) override {
     return guarded("AttachInit", producer, [&] {
@@ -142,7 +121,6 @@ class pdf_attach final : public IPdfAttach {
   }
 
  private:
-  std::atomic<uint32_t> refs_{0};
   std::string producer_;
   std::map<int32_t, std::unique_ptr<attach_document>> documents_;
   int32_t next_handle_ = 1;
@@ -159,10 +137,7 @@ extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_inst
   if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
   if (!same_id(clsid, kClsidPdfAttach)) return CLASS_E_CLASSNOTAVAILABLE;
   try {
-    auto made = std::make_unique<pdf_attach>();
-    const HRESULT hr = made->QueryInterface(iid, object);
-    if (SUCCEEDED(hr)) made.release();  // the reference count owns it now
-    return hr;
+    return make_instance<pdf_attach>(iid, object);
   } catch (...) {
     return E_OUTOFMEMORY;
   }

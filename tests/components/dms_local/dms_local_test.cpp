@@ -183,6 +183,7 @@ TEST_F(dms_local_test, MakesOnlyItsOwnClassAndInterface) {
     HRESULT hr;
   } cases[] = {
       {"{3d91bb51-50a8-4de6-a8ad-fe23da9e7c97}", kIidDmsHelper, kComponentAbiVersion, S_OK},
+      {kClsidDmsConnector, kIidUnknown, kComponentAbiVersion, S_OK},
       {kOtherClass, kIidDmsHelper, kComponentAbiVersion, CLASS_E_CLASSNOTAVAILABLE},
       {kClsidDmsConnector, kOtherClass, kComponentAbiVersion, E_NOINTERFACE},
       {kClsidDmsConnector, kIidDmsHelper, kComponentAbiVersion + 1, kErrorAbiMismatch},
