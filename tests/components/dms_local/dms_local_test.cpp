@@ -22,11 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::select_item;
 
-size_t entries_in(const fs::path& dir) {
-  std::error_code ec;
-  return static_cast<size_t>(std::distance(fs::directory_iterator(dir, ec), {}));
-}
-
 size_t files_below(const fs::path& dir) {
   std::error_code ec;
   size_t count = 0;
@@ -148,7 +143,7 @@ class dms_local_test : public test::sandboxed_test {
   // Every version has its whole content, and no write is left half done.
   void expect_store_consistent(size_t versions) {
     // Looked at first: opening the store here would tidy incoming/ up itself.
-    EXPECT_EQ(entries_in(library_dir() / "incoming"), 0u);
+    EXPECT_EQ(test::names_in(library_dir() / "incoming"), std::set<std::string>{});
     auto opened = store();
     ASSERT_TRUE(opened);
     size_t counted = 0;
@@ -162,7 +157,7 @@ class dms_local_test : public test::sandboxed_test {
       }
     }
     EXPECT_EQ(counted, versions);
-    EXPECT_EQ(entries_in(library_dir() / "content"), versions);
+    EXPECT_EQ(test::names_in(library_dir() / "content").size(), versions);
     sqlite_db db =
         sqlite_open((library_dir() / kCatalogueName).string(), SQLITE_OPEN_READONLY, nullptr);
     auto check = sqlite_prepare(db.get(), "PRAGMA integrity_check", nullptr);
@@ -318,7 +313,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
 
   // A connector released with items still open takes every copy with it.
   dms_.release()->Release();
-  EXPECT_EQ(entries_in(cache_dir()), 0u);
+  EXPECT_EQ(test::names_in(cache_dir()), std::set<std::string>{});
 }
 
 TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
@@ -350,7 +345,8 @@ TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
       EXPECT_EQ(props != nullptr, expected);
     }
   }
-  EXPECT_EQ(entries_in(local_store::root_dir()), 1u) << "asking made a folder";
+  EXPECT_EQ(test::names_in(local_store::root_dir()), std::set<std::string>{kDefaultLibrary})
+      << "asking made a folder";
 }
 
 TEST_F(dms_local_test, DamagedContentFailsTheOpenAndLeavesNoCopy) {
