@@ -36,8 +36,9 @@ bool CheckCommandLine(const std::string& command_line, std::string* checked);
 
 // Starts the install folder's tarnassist on the arguments of `command_line` (split by the
 // Windows rules). Not modal: returns at once, nothing is kept. Modal: disables `parent` (a
-// widget) and waits for the assistant while the event loop runs. Failures are traced only.
-void LaunchConverter(const std::string& command_line, bool modal, QObject* parent);
+// widget) and waits for the assistant while the event loop runs. Failures are traced only;
+// false when the assistant wasn't started, so that the caller can take back what it prepared.
+bool LaunchConverter(const std::string& command_line, bool modal, QObject* parent);
 
 // How long a print helper may run before it is ended: print_helper_timeout (seconds) under
 // the user's Software\Vantu\PDF\V1\TarnGateWay; without it 300 s, or the helper's own

@@ -75,22 +75,19 @@ bool CheckCommandLine(const std::string& command_line, std::string* checked) {
   return true;
 }
 
-void LaunchConverter(const std::string& command_line, bool modal, QObject* parent) {
+bool LaunchConverter(const std::string& command_line, bool modal, QObject* parent) {
   std::string checked;
   if (!CheckCommandLine(command_line, &checked)) {
     TARN_TRACE(kTraceError, "ERROR: Invalid commandline parameter");
-    return;
+    return false;
   }
   std::string program;
-  if (!ReadInstallPath(&program, 1)) return;
+  if (!ReadInstallPath(&program, 1)) return false;
   program += kAssistantProgram;
   std::vector<std::string> argv = split_command_line(checked);
   argv.insert(argv.begin(), program);
 
-  if (!modal) {
-    spawn_detached(argv);
-    return;
-  }
+  if (!modal) return spawn_detached(argv);
   const bool is_window = parent != nullptr && parent->isWidgetType();
   if (is_window) {
     parent->setProperty("enabled", QVariant(false));
@@ -98,8 +95,10 @@ void LaunchConverter(const std::string& command_line, bool modal, QObject* paren
     TARN_TRACE(kTraceWarning,
                "ALERT: LaunchConverter should be modal, but the parent window is invalid");
   }
-  if (auto child = child_process::start(argv)) wait_serving_events(*child, std::nullopt);
+  auto child = child_process::start(argv);
+  if (child) wait_serving_events(*child, std::nullopt);
   if (is_window) parent->setProperty("enabled", QVariant(true));
+  return child != nullptr;
 }
 
 bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,

@@ -1,55 +1,30 @@
-// The tasks of the two commands as they stand today: each says when it has nothing to do, and
-// otherwise that the command can't be carried out yet. create_pdf_task and
-// open_cassistant_task take their places here.
+// The real tasks of the two commands. A create-PDF task asks its questions through real
+// dialogs, which also know what to do when there is no display to show them on.
 #include <memory>
-#include <string>
-#include <utility>
 
-#include "log/simple_log.h"
+#include "dialogs/qt_user_questions.h"
+#include "dms/attach_handler.h"
+#include "tasks/create_pdf_task.h"
+#include "tasks/open_cassistant_task.h"
 #include "tasks/task.h"
 
 namespace tarn {
-namespace {
-
-class pending_task : public task {
- public:
-  pending_task(std::string name, std::string command, size_t documents,
-               std::shared_ptr<simple_log> log)
-      : name_(std::move(name)),
-        command_(std::move(command)),
-        documents_(documents),
-        log_(std::move(log)) {}
-
-  void do_work() override {
-    if (!log_) return;
-    if (documents_ == 0) {
-      log_->add("ERROR: " + name_ + "::do_work() nothing to do.", -1);
-    } else {
-      log_->add("ERROR: " + command_ + " is not handled yet; " + std::to_string(documents_) +
-                    " document(s) left as they are.",
-                -1);
-    }
-  }
-
- private:
-  const std::string name_;
-  const std::string command_;
-  const size_t documents_;
-  const std::shared_ptr<simple_log> log_;
-};
-
-}  // namespace
 
 task_factory default_task_factory() {
   return [](const command_args& args, const std::shared_ptr<simple_log>& log,
-            const std::shared_ptr<DMS_connector_handler>&) -> std::unique_ptr<task> {
+            const std::shared_ptr<DMS_connector_handler>& dms) -> std::unique_ptr<task> {
     switch (args.cmd) {
-      case 0:
-        return std::make_unique<pending_task>("create_pdf_task", "CREATE_PDF", args.doc_refs.size(),
-                                              log);
+      case 0: {
+        qt_user_questions::options questions;
+        questions.log = log;
+        return std::make_unique<create_pdf_task>(
+            log, dms, std::make_unique<attach_handler>(),
+            std::make_shared<qt_user_questions>(std::move(questions)), args.dms_connection,
+            args.dms_location, args.doc_refs);
+      }
       case 1:
-        return std::make_unique<pending_task>("open_cassistant_task", "CONVERT_WITH_ASSISTANT",
-                                              args.doc_refs.size(), log);
+        return std::make_unique<open_cassistant_task>(log, dms, args.dms_connection,
+                                                      args.dms_location, args.doc_refs);
       default:
         return nullptr;
     }

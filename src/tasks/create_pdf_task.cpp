@@ -1,0 +1,211 @@
+#include "tasks/create_pdf_task.h"
+
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "convutils/ConvUtils.h"
+#include "convutils/usage_reporter.h"
+#include "platform/private_temp.h"
+#include "tasks/task_documents_internal.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kWhere = "ERROR: create_pdf_task::do_work() ";
+// More same-named PDFs than this in the temporary folder means something else is wrong.
+constexpr int kMaxNameTries = 1000;
+
+// A dangling link counts as taken too: the conversion would write through it.
+bool taken_on_disk(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+
+}  // namespace
+
+create_pdf_task::create_pdf_task(std::shared_ptr<simple_log> log,
+                                 std::shared_ptr<DMS_connector_handler> dms,
+                                 std::unique_ptr<attach_handler> attach,
+                                 std::shared_ptr<user_questions> questions,
+                                 std::string dms_connection, std::string dms_location,
+                                 std::set<std::string> doc_refs)
+    : log_(std::move(log)),
+      dms_(std::move(dms)),
+      attach_(std::move(attach)),
+      dms_connection_(std::move(dms_connection)),
+      dms_location_(std::move(dms_location)),
+      doc_refs_(std::move(doc_refs)),
+      questions_(std::move(questions)) {}
+
+void create_pdf_task::do_work() {
+  // The event counts commands, not results: it goes out before anything is looked at.
+  try {
+    send_usage_event("iManage 10", "iManage10: Create PDF", "From DMS");
+  } catch (...) {
+    log_failure("");
+  }
+
+  document_list documents;
+  try {
+    documents = list_documents(dms_.get(), dms_connection_, dms_location_, doc_refs_);
+    if (documents.empty()) {
+      log(std::string(kWhere) + "nothing to do.");
+      return;
+    }
+    bool merge = false;
+    std::optional<save_mode> mode;
+    // Asked by the number of references, not of documents found: one refused reference of
+    // two still brings up the dialog, with one row.
+    if (doc_refs_.size() > 1 && !ask_merge_sort(&documents, &merge, &mode)) documents.clear();
+    // Every fetch comes before the first conversion.
+    for (const auto& doc : documents) fetch(*doc);
+    if (merge) {
+      merged_branch(documents, *mode);
+    } else {
+      single_branch(documents, mode);
+    }
+  } catch (...) {
+    log_failure("");
+  }
+  // The joined file is written when the attach handler goes; that must happen before the
+  // closing deletes the PDFs, or it would bring the first one back.
+  attach_.reset();
+  close_documents(documents);
+}
+
+bool create_pdf_task::ask_merge_sort(document_list* documents, bool* merge,
+                                     std::optional<save_mode>* mode) {
+  std::optional<merge_sort_answer> answer = questions_->ask_merge_sort(*documents);
+  if (!answer) return false;
+  *documents = std::move(answer->result);
+  *merge = answer->merge_documents_;
+  *mode = answer->chosen_save_mode();
+  return true;
+}
+
+void create_pdf_task::fetch(doc_description& doc) {
+  doc.item_id = dms_->download_file(dms_connection_, dms_location_, doc.doc_ref);
+  if (doc.item_id.empty()) {
+    log(std::string(kWhere) + "can't download file: \"" + doc.doc_ref + "\"");
+    return;
+  }
+  fs::path local = dms_->get_localfilename(dms_connection_, doc.item_id);
+  if (local.empty()) return;
+  doc.local_file = std::move(local);
+  try {
+    doc.pdf_file = pdf_path_for(doc.local_file);
+    pdf_paths_.insert(doc.pdf_file);
+  } catch (...) {
+    // Without a PDF path the document is passed over; its item is closed all the same.
+    log_failure(doc.doc_ref);
+  }
+}
+
+fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
+  fs::path target = local_file;
+  target.replace_extension("pdf");
+  // Beside the local copy when nothing lies there. A path already taken, on disk or by
+  // another document of this command, is never written over: the closing deletes every PDF
+  // path, so it would take a file that this task didn't make.
+  auto taken = [&](const fs::path& path) { return pdf_paths_.count(path) || taken_on_disk(path); };
+  if (!taken(target)) return target;
+  std::string err;
+  const std::optional<fs::path> temp = private_temp_dir(&err);
+  if (!temp) throw std::runtime_error("no temporary folder: " + err);
+  fs::path in_temp = *temp / target.filename();
+  for (int n = 2; taken(in_temp); ++n) {
+    if (n > kMaxNameTries) throw std::runtime_error("no free name for " + in_temp.string());
+    in_temp = *temp / (target.stem().string() + " (" + std::to_string(n) + ").pdf");
+  }
+  return in_temp;
+}
+
+bool create_pdf_task::convert(const doc_description& doc) {
+  bool converted;
+  if (doc.extension == "xps" || doc.extension == "oxps") {
+    converted = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
+  } else {
+    converted = PrintPDFWithHelper(doc.local_file.string(), doc.pdf_file.string(), false, false);
+  }
+  std::error_code ec;
+  if (converted && fs::exists(doc.pdf_file, ec)) return true;
+  log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
+  // Whatever a failed conversion left is no PDF to join or store. The path was free before.
+  fs::remove(doc.pdf_file, ec);
+  return false;
+}
+
+void create_pdf_task::merged_branch(const document_list& documents, save_mode mode) {
+  std::shared_ptr<doc_description> merged;
+  for (const auto& doc : documents) {
+    if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
+    try {
+      if (!convert(*doc)) continue;
+      // The first document with a PDF lends the result its name, folder and source.
+      if (!merged) merged = doc;
+      if (attach_) attach_->attach_file(doc->pdf_file);
+    } catch (...) {
+      log_failure(doc->doc_ref);
+    }
+  }
+  // Writes the joined PDF over the first one.
+  attach_.reset();
+  if (!merged) return;
+  merged->saved_item_id =
+      dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_, merged->folder,
+                             merged->pdf_name(), merged->doc_ref);
+}
+
+void create_pdf_task::single_branch(const document_list& documents, std::optional<save_mode> mode) {
+  for (const auto& doc : documents) {
+    if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
+    try {
+      if (!convert(*doc)) continue;
+      // Only a command of one document gets here without a mode: the merge dialog gives one.
+      if (!mode) {
+        if (auto answer = questions_->ask_how_to_save(*doc)) mode = answer->chosen_save_mode();
+      }
+      if (!mode) continue;
+      doc->saved_item_id =
+          dms_->save_file_to_DMS(*mode, doc->pdf_file, dms_connection_, dms_location_, doc->folder,
+                                 doc->pdf_name(), doc->doc_ref);
+    } catch (...) {
+      log_failure(doc->doc_ref);
+    }
+  }
+}
+
+void create_pdf_task::close_documents(const document_list& documents) noexcept {
+  for (const auto& doc : documents) {
+    try {
+      // Every item opened is closed, also one whose local copy never came.
+      if (doc->item_id.empty()) continue;
+      dms_->close_dms_file(dms_connection_, doc->item_id);
+      if (!doc->saved_item_id.empty()) dms_->close_dms_file(dms_connection_, doc->saved_item_id);
+      if (doc->pdf_file.empty()) continue;
+      std::error_code ec;
+      fs::remove(doc->pdf_file, ec);
+      if (ec)
+        log(std::string(kWhere) + "can't remove \"" + doc->pdf_file.string() +
+            "\": " + ec.message());
+    } catch (...) {
+      log_failure(doc->doc_ref);
+    }
+  }
+}
+
+void create_pdf_task::log(const std::string& text) const {
+  if (log_) log_->add(text, -1);
+}
+
+void create_pdf_task::log_failure(const std::string& doc_ref) const noexcept {
+  try {
+    const std::string what = current_exception_text();
+    log(std::string(kWhere) + (doc_ref.empty() ? "failed: " : "failed for \"" + doc_ref + "\": ") +
+        what);
+  } catch (...) {
+    // Out of memory while logging: the work goes on without the line.
+  }
+}
+
+}  // namespace tarn
