@@ -1,6 +1,7 @@
 // tarnctl dms import|list|show|versions|export|related: the local document store from the
 // command line. Tables for people by default, --json for scripts. Imports print each new
 // reference, which is what the gateway's clients send back as doc_ref.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -284,7 +285,8 @@ int dms_command::show() {
   if (!v) return code;
   std::vector<related_document> links;
   std::string why;
-  store->related(v->number, &links, &why);
+  if (store->related(v->number, &links, &why) != store_status::ok)
+    return failed("can't read the documents related to " + v->ref() + ": " + why);
   const std::string content = store->content_path(*v).string();
   if (opt_.json) {
     nlohmann::json out = to_json(*v);
@@ -379,7 +381,9 @@ int dms_command::export_to() {
                   std::to_string(copied.size) + " bytes, the catalogue says " +
                   std::to_string(v->size));
   }
-  if (::rename(partial.c_str(), target.c_str()) != 0) {
+  // Without --force, a file that appeared since the check above is still never replaced.
+  const unsigned flags = opt_.force ? 0 : RENAME_NOREPLACE;
+  if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, target.c_str(), flags) != 0) {
     const int error_code = errno;
     ::unlink(partial.c_str());
     return failed("can't write " + target.string() + ": " + std::strerror(error_code));

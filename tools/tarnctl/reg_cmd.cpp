@@ -307,7 +307,12 @@ int run_delete(const reg_options& opt) {
   if (opt.all_values) {
     if (!opt.force && !confirm("Delete all values under the registry key " + full + " (Yes/No)?"))
       return kExitFailed;
-    for (const auto& value : store->values(key->path)) store->remove_value(key->path, value.name, &err);
+    for (const auto& value : store->values(key->path)) {
+      if (!store->remove_value(key->path, value.name, &err) && !err.empty()) {
+        std::cerr << "ERROR: can't delete " << full << "\\" << value.name << ": " << err << "\n";
+        return kExitFailed;
+      }
+    }
   } else if (opt.value_name || opt.default_value) {
     const std::string name = opt.value_name.value_or("");
     if (!store->get(key->path, name)) return not_found();
