@@ -180,8 +180,9 @@ TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
   // A closed item's copy is gone, and so is every PDF.
   EXPECT_EQ(files_in_temp(), Lines{});
   EXPECT_EQ(log_texts("DMS_connector_handler::download_file(").empty(), !s.fetches);
-  if (s.store.size() == s.documents.size())
+  if (s.store.size() == s.documents.size()) {
     EXPECT_EQ(log_texts("DMS_connector_handler::save_file_to_DMS("), Lines{});
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, create_pdf_scenario_test, ::testing::ValuesIn(kScenarios),
