@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_timing.h"
 #include "dms/IPdfAttach.h"
 #include "dms/attach_handler.h"
 #include "dms/component_loader.h"
@@ -28,6 +29,9 @@ namespace fs = std::filesystem;
 
 namespace tarn {
 namespace {
+
+using bench::median;
+using bench::millis_since;
 
 constexpr int kPagesPerFile = 7;
 
@@ -85,16 +89,6 @@ bool run_attach(const std::vector<fs::path>& inputs, const fs::path& first) {
     for (size_t i = 1; i < inputs.size(); ++i) all = attach.attach_file(inputs[i]) && all;
   }
   return all;
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-double millis_since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-      .count();
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_timing.h"
 #include "dms/IDMSHelper.h"
 #include "dms_local/file_copy.h"
 #include "dms_local/local_store.h"
@@ -24,6 +25,8 @@
 
 namespace fs = std::filesystem;
 using namespace tarn;
+using bench::median;
+using bench::time_ms;
 
 namespace {
 
@@ -32,18 +35,6 @@ struct settings {
   int size = 4096;
   int reps = 3;
 };
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-double time_ms(const std::function<void()>& run) {
-  const auto start = std::chrono::steady_clock::now();
-  run();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-      .count();
-}
 
 [[noreturn]] void die(const std::string& text) {
   std::fprintf(stderr, "dms_store_bench: %s\n", text.c_str());

@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "TarnGateWay.h"
+#include "bench_timing.h"
 
 extern "C" {
 #include <sys/pidfd.h>  // glibc 2.36's header lacks the extern "C" block
@@ -46,6 +47,7 @@ extern char** environ;
 namespace {
 
 using namespace std::chrono_literals;
+using tarn::bench::median;
 using clock_type = std::chrono::steady_clock;
 
 constexpr int kPort = 9090;
@@ -226,11 +228,6 @@ std::optional<sample> measure_bare_qt(const std::string& program) {
   }
   end(c);
   return result;
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values.empty() ? 0 : values[values.size() / 2];
 }
 
 // A private HOME, XDG folders and machine store for the programs under test, and a workstation.

@@ -4,13 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <vector>
 
+#include "bench_timing.h"
 #include "platform/child_process.h"
 #include "platform/self_exe.h"
 #include "support/conversion.h"
@@ -22,20 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 constexpr int kFiles = 20;
 constexpr int kRuns = 7;
-
-double median_ms(const std::function<void()>& work) {
-  work();  // warm-up
-  std::vector<double> times;
-  for (int i = 0; i < kRuns; ++i) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    times.push_back(
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-            .count());
-  }
-  std::sort(times.begin(), times.end());
-  return times[times.size() / 2];
-}
 
 }  // namespace
 
@@ -58,7 +42,7 @@ int main(int argc, char** argv) {
   const fs::path list_file = env.tmp() / "ss_bench.txt";
   tarn::test::write_file(list_file, list);
 
-  const double baseline = median_ms([&] {
+  const double baseline = tarn::bench::median_ms(kRuns, [&] {
     for (int i = 0; i < kFiles; ++i) {
       const fs::path target = env.tmp() / ("direct " + std::to_string(i) + ".pdf");
       tarn::child_process::start({(install / "tarnprint").string(), "/p", sources[i].string(),
@@ -67,7 +51,7 @@ int main(int argc, char** argv) {
     }
   });
   const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  const double ours = median_ms([&] {
+  const double ours = tarn::bench::median_ms(kRuns, [&] {
     fs::remove_all(out);
     if (tarn::child_process::start({(install / "tarnassist").string(), list_file.string()},
                                    {.stdout_fd = null_fd})

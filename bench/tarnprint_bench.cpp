@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_timing.h"
 #include "office_client.h"
 #include "office_paths.h"
 #include "pdf_file.h"
@@ -35,6 +36,7 @@ namespace tarn {
 namespace {
 
 namespace fs = std::filesystem;
+using bench::median;
 using clock = std::chrono::steady_clock;
 
 struct run_stats {
@@ -72,12 +74,6 @@ run_stats run_timed(const std::vector<std::string>& args) {
   stats.max_rss_kb = usage.ru_maxrss;
   stats.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return stats;
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n == 0 ? 0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 void write_text(const fs::path& path, const std::string& text) {

@@ -2,13 +2,11 @@
 // xpstopdf program on the same package. Prints the median of each, the ratio and pages/s.
 #include <dlfcn.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <vector>
 
+#include "bench_timing.h"
 #include "convutils/DynLoadDll.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
@@ -18,20 +16,6 @@ namespace {
 
 constexpr int kPages = 40;
 constexpr int kRuns = 7;
-
-double median_ms(const std::function<void()>& work) {
-  work();  // warm-up
-  std::vector<double> times;
-  for (int i = 0; i < kRuns; ++i) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    times.push_back(
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-            .count());
-  }
-  std::sort(times.begin(), times.end());
-  return times[times.size() / 2];
-}
 
 }  // namespace
 
@@ -55,10 +39,10 @@ int main() {
     std::fprintf(stderr, "xps_bench: the baseline /usr/bin/xpstopdf is missing (libgxps-utils)\n");
     return 1;
   }
-  const double baseline = median_ms([&] {
+  const double baseline = tarn::bench::median_ms(kRuns, [&] {
     tarn::test::run_program({"/usr/bin/xpstopdf", source.string(), target.string()});
   });
-  const double ours = median_ms([&] {
+  const double ours = tarn::bench::median_ms(kRuns, [&] {
     if (dll.XpsToPdfConvert(source.c_str(), target.c_str(), 15, 0, 0) != kPages)
       std::fprintf(stderr, "xps_bench: conversion failed\n");
   });

@@ -75,8 +75,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   auto* s = new service;
   s->log = std::make_shared<tarn::simple_log>("Vantu Tarn (version 5.0) GateWay started");
   s->worker = std::make_shared<tarn::TaskWorker>(nullptr);
+  // Commands are taken and posted, but do no work: a real task would touch the user's own
+  // document store and registry, and could ask a question on a display.
+  tarn::task_factory no_work = [](const tarn::command_args&,
+                                  const std::shared_ptr<tarn::simple_log>&,
+                                  const std::shared_ptr<tarn::DMS_connector_handler>&) {
+    return std::unique_ptr<tarn::task>();
+  };
   s->processor = std::make_shared<TarnWwySrv::TarnGateWayProcessor>(
-      std::make_shared<tarn::TarnGateWayHandler>(s->log, s->worker));
+      std::make_shared<tarn::TarnGateWayHandler>(s->log, s->worker, no_work));
   auto pages = std::make_shared<tarn::dynamic_uri_handler>();
   pages->add_page("/logs", [log = s->log] { return log->render(); });
   tarn::http_request_limits limits;

@@ -2,15 +2,13 @@
 // local store. dms_connection names the library (empty: the default one), dms_location is the
 // folder that new documents go to when the caller names none, and doc_ref is what
 // `tarnctl dms import` prints. Open items live in the connector object; one thread at a time.
-#include <strings.h>
-
-#include <atomic>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <new>
 
 #include "dms/IDMSHelper.h"
+#include "dms/unknown_impl.h"
 #include "dms_local/doc_ref.h"
 #include "dms_local/local_cache.h"
 #include "dms_local/local_store.h"
@@ -19,28 +17,20 @@
 namespace tarn {
 namespace {
 
-constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
-
-// The Windows error codes a caller would expect for these causes, as HRESULTs.
-constexpr HRESULT kErrorNotFound = static_cast<HRESULT>(0x80070002u);     // ERROR_FILE_NOT_FOUND
-constexpr HRESULT kErrorInvalidData = static_cast<HRESULT>(0x8007000Du);  // ERROR_INVALID_DATA
-constexpr HRESULT kErrorDiskFull = static_cast<HRESULT>(0x80070070u);     // ERROR_DISK_FULL
-constexpr HRESULT kErrorBusy = static_cast<HRESULT>(0x800700AAu);         // ERROR_BUSY
-
 HRESULT hresult_of(store_status status) {
   switch (status) {
     case store_status::ok:
       return S_OK;
     case store_status::not_found:
-      return kErrorNotFound;
+      return kHrFileNotFound;
     case store_status::invalid:
       return E_INVALIDARG;
     case store_status::read_only:
       return E_ACCESSDENIED;
     case store_status::no_space:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     case store_status::busy:
-      return kErrorBusy;
+      return kHrBusy;
     case store_status::failed:
       break;
   }
@@ -50,7 +40,7 @@ HRESULT hresult_of(store_status status) {
 HRESULT hresult_of_errno(int error) {
   switch (error) {
     case ENOENT:
-      return kErrorNotFound;
+      return kHrFileNotFound;
     case EACCES:
     case EPERM:
     case EROFS:
@@ -58,7 +48,7 @@ HRESULT hresult_of_errno(int error) {
     case ENOSPC:
     case EDQUOT:
     case EFBIG:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     default:
       return E_FAIL;
   }
@@ -84,24 +74,9 @@ HRESULT traced(HRESULT hr, const char* method, const std::string& why) {
   return hr;
 }
 
-class dms_local_connector final : public IDMSHelper {
+class dms_local_connector final : public unknown_impl<IDMSHelper> {
  public:
-  HRESULT QueryInterface(const char* iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (iid == nullptr ||
-        (strcasecmp(iid, kIidDmsHelper) != 0 && strcasecmp(iid, kIidUnknown) != 0))
-      return E_NOINTERFACE;
-    AddRef();
-    *object = static_cast<IDMSHelper*>(this);
-    return S_OK;
-  }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t left = --refs_;
-    if (left == 0) delete this;
-    return left;
-  }
+  dms_local_connector() : unknown_impl(kIidDmsHelper) {}
 
   HRESULT InitMgr() override {
     return guarded("InitMgr", [&] {
@@ -128,7 +103,7 @@ class dms_local_connector final : public IDMSHelper {
       std::string why;
       const HRESULT hr = find(dms_connection, doc_ref, &v, &why);
       // An unknown document is no error here: the empty item says so.
-      if (hr == kErrorNotFound || hr == E_INVALIDARG) {
+      if (hr == kHrFileNotFound || hr == E_INVALIDARG) {
         TARN_TRACE(kTraceWarning, "dms_local: SelectDocItem: %s", why.c_str());
         return S_FALSE;
       }
@@ -160,7 +135,7 @@ class dms_local_connector final : public IDMSHelper {
         return traced(hresult_of_errno(copied.error), "DocOpen", v.ref() + ": " + copied.text);
       if (copied.size != v.size) {
         cache_.remove(copy);
-        return traced(kErrorInvalidData, "DocOpen",
+        return traced(kHrInvalidData, "DocOpen",
                       v.ref() + ": " + source.string() + " holds " + std::to_string(copied.size) +
                           " bytes, the catalogue says " + std::to_string(v.size));
       }
@@ -276,8 +251,6 @@ class dms_local_connector final : public IDMSHelper {
     std::filesystem::path local_file;  // empty until DocOpen
   };
 
-  ~dms_local_connector() = default;
-
   // The store of `library`, opened on first use and kept; null with store_hr_ and *why set.
   local_store* store_for(const std::string& library, bool create, std::string* why) {
     auto it = stores_.find(library);
@@ -323,7 +296,6 @@ class dms_local_connector final : public IDMSHelper {
     return {name, extension};
   }
 
-  std::atomic<uint32_t> refs_{1};
   std::map<std::string, std::unique_ptr<local_store>> stores_;
   HRESULT store_hr_ = S_OK;
   std::map<std::string, open_item> items_;
@@ -341,12 +313,7 @@ extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_inst
   if (object == nullptr) return E_POINTER;
   *object = nullptr;
   if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
-  if (clsid == nullptr || strcasecmp(clsid, kClsidDmsConnector) != 0)
-    return CLASS_E_CLASSNOTAVAILABLE;
-  return guarded("tarn_create_instance", [&] {
-    auto* connector = new dms_local_connector;
-    const HRESULT hr = connector->QueryInterface(iid, object);
-    connector->Release();  // the caller holds the one from QueryInterface, or nothing is left
-    return hr;
-  });
+  if (!same_id(clsid, kClsidDmsConnector)) return CLASS_E_CLASSNOTAVAILABLE;
+  return guarded("tarn_create_instance",
+                 [&] { return make_instance<dms_local_connector>(iid, object); });
 }

@@ -71,6 +71,24 @@ stored_version read_version(sqlite3_stmt* stmt, const std::string& library, int 
   return v;
 }
 
+// Reads kVersionColumns of the versions that `rest` (a WHERE clause and more) picks.
+sqlite_stmt select_versions(sqlite3* db, const std::string& rest) {
+  return sqlite_prepare(db,
+                        std::string("SELECT ") + kVersionColumns +
+                            " FROM documents d JOIN versions v ON v.number = d.number WHERE " +
+                            rest,
+                        nullptr);
+}
+
+// Steps through `stmt`, a version a row, into *out; SQLITE_DONE when all were read.
+int read_versions(sqlite3_stmt* stmt, const std::string& library,
+                  std::vector<stored_version>* out) {
+  out->clear();
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) out->push_back(read_version(stmt, library, 0));
+  return rc;
+}
+
 store_status status_of_errno(int error) {
   switch (error) {
     case ENOENT:
@@ -108,9 +126,9 @@ std::string utc_now() {
 // Test hook: TARN_DMS_TEST_STALL="<point>:<fd>" stops a write at <point>, tells the test by
 // writing one byte to fd, and waits there to be killed.
 void stall_here_for_test(std::string_view point) {
-  const char* spec = std::getenv("TARN_DMS_TEST_STALL");
-  if (spec == nullptr) return;
-  const std::string_view text(spec);
+  const char* stall = std::getenv("TARN_DMS_TEST_STALL");
+  if (stall == nullptr) return;
+  const std::string_view text(stall);
   const size_t colon = text.find(':');
   if (colon == std::string_view::npos || text.substr(0, colon) != point) return;
   int fd = -1;
@@ -284,12 +302,8 @@ store_status local_store::sqlite_failure(const std::string& what, std::string* e
 
 store_status local_store::find(int64_t number, int32_t version, stored_version* out,
                                std::string* err) {
-  auto stmt = sqlite_prepare(db_.get(),
-                             std::string("SELECT ") + kVersionColumns +
-                                 " FROM documents d JOIN versions v ON v.number = d.number"
-                                 " WHERE d.number = ?1 AND (CASE WHEN ?2 = 0 THEN " +
-                                 kLatestVersion + " ELSE v.version = ?2 END)",
-                             nullptr);
+  auto stmt = select_versions(db_.get(), std::string("d.number = ?1 AND (CASE WHEN ?2 = 0 THEN ") +
+                                             kLatestVersion + " ELSE v.version = ?2 END)");
   if (!stmt) return sqlite_failure("can't read", err);
   sqlite3_bind_int64(stmt.get(), 1, number);
   sqlite3_bind_int(stmt.get(), 2, version);
@@ -307,35 +321,22 @@ store_status local_store::find(int64_t number, int32_t version, stored_version* 
 store_status local_store::list(const std::optional<std::string>& folder,
                                std::vector<stored_version>* out, std::string* err) {
   auto stmt =
-      sqlite_prepare(db_.get(),
-                     std::string("SELECT ") + kVersionColumns +
-                         " FROM documents d JOIN versions v ON v.number = d.number"
-                         " WHERE " +
-                         kLatestVersion + " AND (?1 IS NULL OR d.folder = ?1) ORDER BY d.number",
-                     nullptr);
+      select_versions(db_.get(), std::string(kLatestVersion) +
+                                     " AND (?1 IS NULL OR d.folder = ?1) ORDER BY d.number");
   if (!stmt) return sqlite_failure("can't read", err);
   if (folder) sqlite_bind_text(stmt.get(), 1, *folder);
-  out->clear();
-  int rc;
-  while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-    out->push_back(read_version(stmt.get(), library_, 0));
-  return rc == SQLITE_DONE ? store_status::ok : sqlite_failure("can't read", err);
+  if (read_versions(stmt.get(), library_, out) != SQLITE_DONE)
+    return sqlite_failure("can't read", err);
+  return store_status::ok;
 }
 
 store_status local_store::versions(int64_t number, std::vector<stored_version>* out,
                                    std::string* err) {
-  auto stmt = sqlite_prepare(db_.get(),
-                             std::string("SELECT ") + kVersionColumns +
-                                 " FROM documents d JOIN versions v ON v.number = d.number"
-                                 " WHERE d.number = ?1 ORDER BY v.version",
-                             nullptr);
+  auto stmt = select_versions(db_.get(), "d.number = ?1 ORDER BY v.version");
   if (!stmt) return sqlite_failure("can't read", err);
   sqlite3_bind_int64(stmt.get(), 1, number);
-  out->clear();
-  int rc;
-  while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-    out->push_back(read_version(stmt.get(), library_, 0));
-  if (rc != SQLITE_DONE) return sqlite_failure("can't read", err);
+  if (read_versions(stmt.get(), library_, out) != SQLITE_DONE)
+    return sqlite_failure("can't read", err);
   if (out->empty())
     return fail(store_status::not_found, err,
                 "no document " + std::to_string(number) + " in library \"" + library_ + "\"");

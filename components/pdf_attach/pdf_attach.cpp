@@ -1,12 +1,9 @@
 // The PDF joining component on qpdf: the IPdfAttach object and the library's entry point.
 // Every method turns qpdf's exceptions into a failure code and a line on the diagnostic
 // channel; nothing is thrown across the library's border.
-#include <strings.h>
-
 #include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFSystemError.hh>
 
-#include <atomic>
 #include <cerrno>
 #include <map>
 #include <memory>
@@ -15,35 +12,26 @@
 
 #include "attach_document.h"
 #include "dms/IPdfAttach.h"
+#include "dms/unknown_impl.h"
 #include "log/trace.h"
 
 namespace tarn {
 namespace {
 
-constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
-constexpr HRESULT kErrorFileNotFound = static_cast<HRESULT>(0x80070002u);
-constexpr HRESULT kErrorPathNotFound = static_cast<HRESULT>(0x80070003u);
-constexpr HRESULT kErrorInvalidHandle = static_cast<HRESULT>(0x80070006u);
-constexpr HRESULT kErrorWriteProtect = static_cast<HRESULT>(0x80070013u);
-constexpr HRESULT kErrorDiskFull = static_cast<HRESULT>(0x80070070u);
-constexpr HRESULT kErrorInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
-
-bool same_id(const char* a, const char* b) { return a != nullptr && strcasecmp(a, b) == 0; }
-
 HRESULT hresult_of_errno(int code) {
   switch (code) {
     case ENOENT:
-      return kErrorFileNotFound;
+      return kHrFileNotFound;
     case ENOTDIR:
-      return kErrorPathNotFound;
+      return kHrPathNotFound;
     case EACCES:
     case EPERM:
       return E_ACCESSDENIED;
     case EROFS:
-      return kErrorWriteProtect;
+      return kHrWriteProtect;
     case ENOSPC:
     case EDQUOT:
-      return kErrorDiskFull;
+      return kHrDiskFull;
     case ENOMEM:
       return E_OUTOFMEMORY;
     default:
@@ -62,7 +50,7 @@ HRESULT guarded(const char* method, const std::string& path, Work&& work) noexce
     hr = hresult_of_errno(e.getErrno());
     what = e.what();
   } catch (const QPDFExc& e) {
-    hr = e.getErrorCode() == qpdf_e_password ? kErrorInvalidPassword : E_FAIL;
+    hr = e.getErrorCode() == qpdf_e_password ? kHrInvalidPassword : E_FAIL;
     what = e.what();
   } catch (const std::invalid_argument& e) {
     hr = E_INVALIDARG;
@@ -79,26 +67,9 @@ HRESULT guarded(const char* method, const std::string& path, Work&& work) noexce
   return hr;
 }
 
-class pdf_attach final : public IPdfAttach {
+class pdf_attach final : public unknown_impl<IPdfAttach> {
  public:
-  ~pdf_attach() override = default;
-
-  HRESULT QueryInterface(const char* iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    if (!same_id(iid, kIidPdfAttach) && !same_id(iid, kIidUnknown)) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IPdfAttach*>(this);
-    AddRef();
-    return S_OK;
-  }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t left = --refs_;
-    if (left == 0) delete this;
-    return left;
-  }
+  pdf_attach() : unknown_impl(kIidPdfAttach) {}
 
   HRESULT AttachInit(const std::string& producer) override {
     return guarded("AttachInit", producer, [&] {
@@ -128,7 +99,7 @@ class pdf_attach final : public IPdfAttach {
   HRESULT AttachSave(const std::string& path, int32_t handle, int32_t flags) override {
     return guarded("AttachSave", path, [&] {
       auto found = documents_.find(handle);
-      if (found == documents_.end()) return kErrorInvalidHandle;
+      if (found == documents_.end()) return kHrInvalidHandle;
       found->second->save(path, (flags & kAttachSaveLinearize) != 0,
                           (flags & kAttachSaveFlush) != 0, producer_);
       return S_OK;
@@ -141,7 +112,7 @@ class pdf_attach final : public IPdfAttach {
                        int32_t flags) override {
     return guarded("AttachInsert", path, [&] {
       auto found = documents_.find(handle);
-      if (found == documents_.end()) return kErrorInvalidHandle;
+      if (found == documents_.end()) return kHrInvalidHandle;
       insert_options options{password, page_range,    insert_after,
                              rotation, outline_title, (flags & kAttachInsertStrict) != 0};
       found->second->insert(path, options);
@@ -150,7 +121,6 @@ class pdf_attach final : public IPdfAttach {
   }
 
  private:
-  std::atomic<uint32_t> refs_{0};
   std::string producer_;
   std::map<int32_t, std::unique_ptr<attach_document>> documents_;
   int32_t next_handle_ = 1;
@@ -167,10 +137,7 @@ extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_inst
   if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
   if (!same_id(clsid, kClsidPdfAttach)) return CLASS_E_CLASSNOTAVAILABLE;
   try {
-    auto made = std::make_unique<pdf_attach>();
-    const HRESULT hr = made->QueryInterface(iid, object);
-    if (SUCCEEDED(hr)) made.release();  // the reference count owns it now
-    return hr;
+    return make_instance<pdf_attach>(iid, object);
   } catch (...) {
     return E_OUTOFMEMORY;
   }

@@ -5,21 +5,11 @@
 #include <QCheckBox>
 #include <QPushButton>
 #include <QRadioButton>
-#include <QStyle>
 
 #include "dialogs/dialog_look.h"
 #include "dialogs/prompt_label.h"
 
 namespace tarn {
-namespace {
-
-template <typename Widget>
-Widget* named(Widget* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
-}  // namespace
 
 HowToSaveDlg::HowToSaveDlg(how_to_save_model& model, QWidget* parent)
     : QDialog(parent), model_(model) {
@@ -48,10 +38,7 @@ HowToSaveDlg::HowToSaveDlg(how_to_save_model& model, QWidget* parent)
   main->addSpacing(units.y(6));
   main->addWidget(new_document_);
   auto* related = new QHBoxLayout;
-  related->setContentsMargins(
-      style()->pixelMetric(QStyle::PM_ExclusiveIndicatorWidth, nullptr, new_document_) +
-          style()->pixelMetric(QStyle::PM_RadioButtonLabelSpacing, nullptr, new_document_),
-      0, 0, 0);
+  related->setContentsMargins(indent_of_radio_text(new_document_), 0, 0, 0);
   related->addWidget(relate_);
   main->addLayout(related);
   main->addWidget(new_version_);
@@ -64,8 +51,7 @@ HowToSaveDlg::HowToSaveDlg(how_to_save_model& model, QWidget* parent)
   main->addSpacing(units.y(8));
   main->addLayout(buttons);
 
-  QWidget* order[] = {new_document_, relate_, new_version_, local_save_, ok_, cancel_};
-  for (size_t i = 1; i < std::size(order); ++i) setTabOrder(order[i - 1], order[i]);
+  set_tab_order({new_document_, relate_, new_version_, local_save_, ok_, cancel_});
 
   const std::pair<QRadioButton*, how_to_save_choice> choices[] = {{new_document_, kHowNewDocument},
                                                                   {new_version_, kHowNewVersion},

@@ -9,29 +9,12 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QRadioButton>
-#include <QStyle>
 
 #include "dialogs/dialog_look.h"
 #include "dialogs/doc_table.h"
 #include "log/trace.h"
 
 namespace tarn {
-namespace {
-
-template <typename Widget>
-Widget* named(Widget* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
-// How far a control sits in under a radio button, so that it lines up with the button's text.
-int indent_of_radio_text(const QWidget* widget) {
-  const QStyle* style = widget->style();
-  return style->pixelMetric(QStyle::PM_ExclusiveIndicatorWidth, nullptr, widget) +
-         style->pixelMetric(QStyle::PM_RadioButtonLabelSpacing, nullptr, widget);
-}
-
-}  // namespace
 
 MergeSortDlg::MergeSortDlg(merge_sort_model& model, QWidget* parent, frame_size_io size_io)
     : resizable_dialog(std::move(size_io), parent), model_(model) {
@@ -100,9 +83,8 @@ MergeSortDlg::MergeSortDlg(merge_sort_model& model, QWidget* parent, frame_size_
   main->addSpacing(units.y(4));
   main->addLayout(buttons);
 
-  QWidget* order[] = {each_,   one_, up_,    down_, table_, save_new_document_, save_new_version_,
-                      relate_, ok_,  cancel_};
-  for (size_t i = 1; i < std::size(order); ++i) setTabOrder(order[i - 1], order[i]);
+  set_tab_order({each_, one_, up_, down_, table_, save_new_document_, save_new_version_, relate_,
+                 ok_, cancel_});
 
   connect(one_, &QRadioButton::clicked, this, [this] {
     model_.choose_merge();

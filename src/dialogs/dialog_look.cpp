@@ -2,6 +2,7 @@
 
 #include <QFontMetrics>
 #include <QGuiApplication>
+#include <QStyle>
 #include <QWidget>
 
 namespace tarn {
@@ -12,6 +13,17 @@ dialog_units::dialog_units(const QFont& font) {
       metrics.horizontalAdvance("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
   base_x_ = (letters / 26 + 1) / 2;
   base_y_ = metrics.height();
+}
+
+int indent_of_radio_text(const QWidget* radio) {
+  const QStyle* style = radio->style();
+  return style->pixelMetric(QStyle::PM_ExclusiveIndicatorWidth, nullptr, radio) +
+         style->pixelMetric(QStyle::PM_RadioButtonLabelSpacing, nullptr, radio);
+}
+
+void set_tab_order(std::initializer_list<QWidget*> widgets) {
+  for (auto it = widgets.begin(); it != widgets.end() && it + 1 != widgets.end(); ++it)
+    QWidget::setTabOrder(*it, *(it + 1));
 }
 
 void make_question_window(QWidget* dialog, bool resizable) {

@@ -4,6 +4,7 @@
 
 #include <QFont>
 #include <QSize>
+#include <initializer_list>
 
 class QWidget;
 
@@ -22,6 +23,19 @@ class dialog_units {
   int base_x_;
   int base_y_;
 };
+
+// `widget` with the object name `name`, by which tests find it.
+template <typename Widget>
+Widget* named(Widget* widget, const char* name) {
+  widget->setObjectName(name);
+  return widget;
+}
+
+// How far a control sits in under a radio button, so that it lines up with the button's text.
+int indent_of_radio_text(const QWidget* radio);
+
+// Tab moves through `widgets` in the order given.
+void set_tab_order(std::initializer_list<QWidget*> widgets);
 
 // Window flags of a question: a dialog that stays above other windows.
 void make_question_window(QWidget* dialog, bool resizable);

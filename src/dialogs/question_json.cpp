@@ -45,6 +45,21 @@ merge_sort_choices merge_choices_of(const json& message) {
   return choices;
 }
 
+std::vector<merge_sort_row> rows_of(const json& message) {
+  std::vector<merge_sort_row> rows;
+  for (const json& row : message.at("rows")) {
+    rows.push_back({row.at("name").get<std::string>(), row.at("doc_number").get<std::string>(),
+                    row.at("version").get<std::string>(), int32_of(row.at("item_data"))});
+  }
+  return rows;
+}
+
+std::vector<int32_t> order_of(const json& message) {
+  std::vector<int32_t> order;
+  for (const json& item_data : message.at("order")) order.push_back(int32_of(item_data));
+  return order;
+}
+
 json how_choices_json(const how_to_save_choices& choices) {
   return {{"how_to_save", choices.how_to_save}, {"save_new_related", choices.save_new_related}};
 }
@@ -53,12 +68,12 @@ how_to_save_choices how_choices_of(const json& message) {
   return {int32_of(message.at("how_to_save")), message.at("save_new_related").get<bool>()};
 }
 
-// Parses `text` and fills the message; the exceptions of a bad message end here as a false
-// and a sentence.
-template <typename Fill>
-bool parse(const std::string& text, std::string* err, Fill fill) {
+// Reads `text` into *message with `read`, which gives the message or throws; the exceptions
+// of a bad message end here as a false and a sentence, and *message stays as it was.
+template <typename Message, typename Read>
+bool parse(const std::string& text, Message* message, std::string* err, Read read) {
   try {
-    fill(json::parse(text));
+    *message = read(json::parse(text));
     return true;
   } catch (const std::exception& e) {
     if (err) *err = e.what();
@@ -104,48 +119,32 @@ std::string encode(const how_to_save_reply& reply) {
   return dump(message);
 }
 
+// Braced lists read the fields in order, so *err names the first one at fault.
 bool decode(const std::string& text, merge_sort_request* request, std::string* err) {
-  return parse(text, err, [&](const json& message) {
-    merge_sort_request parsed;
-    parsed.extended = message.at("extended").get<bool>();
-    parsed.choices = merge_choices_of(message);
-    for (const json& row : message.at("rows")) {
-      parsed.rows.push_back({row.at("name").get<std::string>(),
-                             row.at("doc_number").get<std::string>(),
-                             row.at("version").get<std::string>(), int32_of(row.at("item_data"))});
-    }
-    parsed.size = size_of(message);
-    *request = std::move(parsed);
+  return parse(text, request, err, [](const json& message) {
+    return merge_sort_request{message.at("extended").get<bool>(), merge_choices_of(message),
+                              rows_of(message), size_of(message)};
   });
 }
 
 bool decode(const std::string& text, merge_sort_reply* reply, std::string* err) {
-  return parse(text, err, [&](const json& message) {
-    merge_sort_reply parsed;
-    parsed.accepted = message.at("accepted").get<bool>();
-    parsed.choices = merge_choices_of(message);
-    for (const json& item_data : message.at("order")) parsed.order.push_back(int32_of(item_data));
-    parsed.size = size_of(message);
-    *reply = std::move(parsed);
+  return parse(text, reply, err, [](const json& message) {
+    return merge_sort_reply{message.at("accepted").get<bool>(), merge_choices_of(message),
+                            order_of(message), size_of(message)};
   });
 }
 
 bool decode(const std::string& text, how_to_save_request* request, std::string* err) {
-  return parse(text, err, [&](const json& message) {
-    how_to_save_request parsed;
-    parsed.prompt = message.at("prompt").get<std::string>();
-    parsed.local_save_allowed = message.at("local_save_allowed").get<bool>();
-    parsed.choices = how_choices_of(message);
-    *request = std::move(parsed);
+  return parse(text, request, err, [](const json& message) {
+    return how_to_save_request{message.at("prompt").get<std::string>(),
+                               message.at("local_save_allowed").get<bool>(),
+                               how_choices_of(message)};
   });
 }
 
 bool decode(const std::string& text, how_to_save_reply* reply, std::string* err) {
-  return parse(text, err, [&](const json& message) {
-    how_to_save_reply parsed;
-    parsed.accepted = message.at("accepted").get<bool>();
-    parsed.choices = how_choices_of(message);
-    *reply = std::move(parsed);
+  return parse(text, reply, err, [](const json& message) {
+    return how_to_save_reply{message.at("accepted").get<bool>(), how_choices_of(message)};
   });
 }
 

@@ -13,6 +13,9 @@ namespace tarn {
 // Class and interface ids are their registry spellings, compared case-blind.
 using guid_text_t = const char*;
 
+// The interface every object answers to.
+constexpr const char* kIidUnknown = "{00000000-0000-0000-C000-000000000046}";
+
 // Raised whenever an interface below changes shape; a library built for another version is
 // refused at creation.
 constexpr uint32_t kComponentAbiVersion = 1;

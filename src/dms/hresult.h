@@ -18,6 +18,16 @@ constexpr HRESULT E_ACCESSDENIED = static_cast<HRESULT>(0x80070005u);
 constexpr HRESULT E_OUTOFMEMORY = static_cast<HRESULT>(0x8007000Eu);
 constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057u);
 
+// Windows error codes as results (0x8007 and the code), for the causes components report.
+constexpr HRESULT kHrFileNotFound = static_cast<HRESULT>(0x80070002u);
+constexpr HRESULT kHrPathNotFound = static_cast<HRESULT>(0x80070003u);
+constexpr HRESULT kHrInvalidHandle = static_cast<HRESULT>(0x80070006u);
+constexpr HRESULT kHrInvalidData = static_cast<HRESULT>(0x8007000Du);
+constexpr HRESULT kHrWriteProtect = static_cast<HRESULT>(0x80070013u);
+constexpr HRESULT kHrDiskFull = static_cast<HRESULT>(0x80070070u);
+constexpr HRESULT kHrBusy = static_cast<HRESULT>(0x800700AAu);
+constexpr HRESULT kHrInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
+
 constexpr bool SUCCEEDED(HRESULT hr) { return hr >= 0; }
 constexpr bool FAILED(HRESULT hr) { return hr < 0; }
 

@@ -152,12 +152,11 @@ void create_pdf_task::merged_branch(const document_list& documents, save_mode mo
   attach_.reset();
   if (!merged) return;
   merged->saved_item_id =
-      dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_,
-                             merged->folder, merged->pdf_name(), merged->doc_ref);
+      dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_, merged->folder,
+                             merged->pdf_name(), merged->doc_ref);
 }
 
-void create_pdf_task::single_branch(const document_list& documents,
-                                    std::optional<save_mode> mode) {
+void create_pdf_task::single_branch(const document_list& documents, std::optional<save_mode> mode) {
   for (const auto& doc : documents) {
     if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
     try {
@@ -186,8 +185,9 @@ void create_pdf_task::close_documents(const document_list& documents) noexcept {
       if (doc->pdf_file.empty()) continue;
       std::error_code ec;
       fs::remove(doc->pdf_file, ec);
-      if (ec) log(std::string(kWhere) + "can't remove \"" + doc->pdf_file.string() + "\": " +
-                  ec.message());
+      if (ec)
+        log(std::string(kWhere) + "can't remove \"" + doc->pdf_file.string() +
+            "\": " + ec.message());
     } catch (...) {
       log_failure(doc->doc_ref);
     }

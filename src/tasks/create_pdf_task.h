@@ -25,9 +25,9 @@ class create_pdf_task final : public task {
   // Starts nothing. `log` may be null; `questions` asks the merge-and-sort and how-to-save
   // questions and must not be null.
   create_pdf_task(std::shared_ptr<simple_log> log, std::shared_ptr<DMS_connector_handler> dms,
-                  std::unique_ptr<attach_handler> attach,
-                  std::shared_ptr<user_questions> questions, std::string dms_connection,
-                  std::string dms_location, std::set<std::string> doc_refs);
+                  std::unique_ptr<attach_handler> attach, std::shared_ptr<user_questions> questions,
+                  std::string dms_connection, std::string dms_location,
+                  std::set<std::string> doc_refs);
   create_pdf_task(const create_pdf_task&) = delete;
   create_pdf_task& operator=(const create_pdf_task&) = delete;
 

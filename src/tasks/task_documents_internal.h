@@ -16,8 +16,8 @@ namespace tarn {
 // The descriptions of `doc_refs`, in the set's order. A reference the connector refuses is left
 // out; the wrapper has logged why.
 inline std::vector<std::shared_ptr<doc_description>> list_documents(
-    DMS_connector_handler* dms, const std::string& dms_connection,
-    const std::string& dms_location, const std::set<std::string>& doc_refs) {
+    DMS_connector_handler* dms, const std::string& dms_connection, const std::string& dms_location,
+    const std::set<std::string>& doc_refs) {
   std::vector<std::shared_ptr<doc_description>> documents;
   if (dms == nullptr) return documents;
   for (const auto& doc_ref : doc_refs) {

@@ -27,6 +27,14 @@ std::string replace_all(std::string text, const std::string& from, const std::st
   return text;
 }
 
+// The log texts below write "DMS_connector_handler::" at the start of a line as "::", the PDF's
+// path as {PDF} and the private temporary folder as {TMP}.
+std::string expand(const std::string& text, const std::filesystem::path& pdf) {
+  std::string out = replace_all("\n" + text, "\n::", "\nDMS_connector_handler::").substr(1);
+  out = replace_all(out, "{PDF}", pdf.string());
+  return replace_all(out, "{TMP}", std::filesystem::temp_directory_path().string());
+}
+
 // What a create-PDF command does with one document, closing every item it was given.
 struct flow_result {
   std::string item_id, saved_item_id;
@@ -72,57 +80,59 @@ class DMS_connector_handler_test : public test::sandboxed_test {
     EXPECT_NE(fn, nullptr) << name;
     return fn();
   }
-  // {TMP} and {PDF} stand for the sandbox's temporary folder and the PDF's path.
-  std::string expand(const std::string& text) {
-    return replace_all(replace_all(text, "{PDF}", pdf_.string()), "{TMP}", env_.tmp().string());
-  }
+  std::string expand(const std::string& text) { return tarn::expand(text, pdf_); }
 
   void* connector_ = nullptr;
   std::filesystem::path pdf_;
   std::shared_ptr<simple_log> log_ = std::make_shared<simple_log>("start");
 };
 
-constexpr const char* kCreated = "DMS_connector_handler::DMS_connector_handler\n";
-constexpr const char* kStarting =
-    "DMS_connector_handler::get_file_info(\"lib\", \"ws\", \"4711.3\")\n"
-    "DMS_connector_handler::init\n";
+constexpr const char* kCreated = "::DMS_connector_handler\n";
+constexpr const char* kStarting = R"(::get_file_info("lib", "ws", "4711.3")
+::init
+)";
 constexpr const char* kInitFailed =
-    "DMS_connector_handler::init\n"
+    "::init\n"
     "ERROR: DMS_connector_handler::init() -> 0x8007000e (Not enough memory resources are "
     "available to complete this operation.)\n"
-    "DMS_connector_handler::init() IID: {4DA6D6FD-203B-4E40-9419-0D58935D4C62}, CLSID: "
+    "::init() IID: {4DA6D6FD-203B-4E40-9419-0D58935D4C62}, CLSID: "
     "{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}\n";
-constexpr const char* kDescribed =
-    "DMS_connector_handler::get_file_info() -> retval.name: Bericht \xc3\xbc\n"
-    "DMS_connector_handler::download_file(\"lib\", \"ws, \"4711.3\", 2)\n";
-constexpr const char* kFetched =
-    "DMS_connector_handler::download_file() -> item1\n"
-    "DMS_connector_handler::get_localfilename(\"lib\", \"item1\")\n"
-    "DMS_connector_handler::get_localfilename() -> {TMP}/item1.docx\n";
+constexpr const char* kUnnamed = "::get_file_info() -> retval.name: \n";
+constexpr const char* kDownloading = "::download_file(\"lib\", \"ws, \"4711.3\", 2)\n";
+constexpr const char* kNotDownloaded = "::download_file() -> \"\"\n";
+constexpr const char* kFetched = R"(::download_file() -> item1
+::get_localfilename("lib", "item1")
+::get_localfilename() -> {TMP}/item1.docx
+)";
 constexpr const char* kSaving =
-    "DMS_connector_handler::save_file_to_DMS(\"{PDF}\", \"lib, \"ws, \"Reports\", "
-    "\"Bericht \xc3\xbc.pdf\", \"4711.3\")\n";
-constexpr const char* kUnnamedSaving =
-    "DMS_connector_handler::save_file_to_DMS(\"{PDF}\", \"lib, \"ws, \"\", \".pdf\", "
+    "::save_file_to_DMS(\"{PDF}\", \"lib, \"ws, \"Reports\", \"Bericht \xc3\xbc.pdf\", "
     "\"4711.3\")\n";
-constexpr const char* kClosedBoth =
-    "DMS_connector_handler::close_dms_file(\"lib\", \"item1\")\n"
-    "DMS_connector_handler::close_dms_file() -> S_OK\n"
-    "DMS_connector_handler::close_dms_file(\"lib\", \"saved2\")\n"
-    "DMS_connector_handler::close_dms_file() -> S_OK\n";
-constexpr const char* kClosing = "DMS_connector_handler::~DMS_connector_handler\n";
+constexpr const char* kUnnamedSaving =
+    R"(::save_file_to_DMS("{PDF}", "lib, "ws, "", ".pdf", "4711.3")
+)";
+constexpr const char* kNotSaved = "::save_file_to_DMS() -> \n";
+constexpr const char* kInitMgrFailed = "pDMSHelper->InitMgr() -> 0x80004005 (Unspecified error)\n";
+constexpr const char* kClosedBoth = R"(::close_dms_file("lib", "item1")
+::close_dms_file() -> S_OK
+::close_dms_file("lib", "saved2")
+::close_dms_file() -> S_OK
+)";
+constexpr const char* kClosing = "::~DMS_connector_handler\n";
 
 TEST_F(DMS_connector_handler_test, EveryFailureGivesTheEmptyResultAndItsLogLines) {
-  const std::string fetched_saved = std::string(kStarting) + kDescribed + kFetched + kSaving +
-                                    "DMS_connector_handler::save_file_to_DMS() -> saved2\n";
+  const std::string described = std::string(kStarting) +
+                                "::get_file_info() -> retval.name: Bericht \xc3\xbc\n" +
+                                kDownloading;
+  const std::string fetched_saved =
+      described + kFetched + kSaving + "::save_file_to_DMS() -> saved2\n";
   const std::string not_fetched_saved =
-      std::string(kSaving) + "DMS_connector_handler::save_file_to_DMS() -> saved1\n" +
-      "DMS_connector_handler::close_dms_file(\"lib\", \"saved1\")\n" +
-      "DMS_connector_handler::close_dms_file() -> S_OK\n";
-  const std::string unnamed_saved =
-      std::string(kStarting) + "DMS_connector_handler::get_file_info() -> retval.name: \n" +
-      "DMS_connector_handler::download_file(\"lib\", \"ws, \"4711.3\", 2)\n" + kFetched +
-      kUnnamedSaving + "DMS_connector_handler::save_file_to_DMS() -> saved2\n" + kClosedBoth;
+      std::string(kNotDownloaded) + kSaving + R"(::save_file_to_DMS() -> saved1
+::close_dms_file("lib", "saved1")
+::close_dms_file() -> S_OK
+)";
+  const std::string unnamed_saved = std::string(kStarting) + kUnnamed + kDownloading + kFetched +
+                                    kUnnamedSaving + "::save_file_to_DMS() -> saved2\n" +
+                                    kClosedBoth;
   const struct {
     const char* faults;
     std::string log;  // after the constructor's line and until the destructor's
@@ -131,76 +141,59 @@ TEST_F(DMS_connector_handler_test, EveryFailureGivesTheEmptyResultAndItsLogLines
   } cases[] = {
       {"", fetched_saved + kClosedBoth, 2, 0},
       {"create",
-       std::string("DMS_connector_handler::get_file_info(\"lib\", \"ws\", \"4711.3\")\n") +
-           kInitFailed + "DMS_connector_handler::get_file_info() -> retval.name: \n" +
-           "DMS_connector_handler::download_file(\"lib\", \"ws, \"4711.3\", 2)\n" + kInitFailed +
-           "DMS_connector_handler::download_file() -> \"\"\n" + kUnnamedSaving + kInitFailed +
-           "DMS_connector_handler::save_file_to_DMS() -> \n",
+       std::string("::get_file_info(\"lib\", \"ws\", \"4711.3\")\n") + kInitFailed + kUnnamed +
+           kDownloading + kInitFailed + kNotDownloaded + kUnnamedSaving + kInitFailed + kNotSaved,
        0, 0},
       {"InitMgr",
-       std::string(kStarting) + "pDMSHelper->InitMgr() -> 0x80004005 (Unspecified error)\n" +
-           "DMS_connector_handler::get_file_info() -> retval.name: \n" +
-           "DMS_connector_handler::download_file(\"lib\", \"ws, \"4711.3\", 2)\n" +
-           "DMS_connector_handler::init\n" +
-           "pDMSHelper->InitMgr() -> 0x80004005 (Unspecified error)\n" +
-           "DMS_connector_handler::download_file() -> \"\"\n" + kUnnamedSaving +
-           "DMS_connector_handler::init\n" +
-           "pDMSHelper->InitMgr() -> 0x80004005 (Unspecified error)\n" +
-           "DMS_connector_handler::save_file_to_DMS() -> \n",
+       std::string(kStarting) + kInitMgrFailed + kUnnamed + kDownloading + "::init\n" +
+           kInitMgrFailed + kNotDownloaded + kUnnamedSaving + "::init\n" + kInitMgrFailed +
+           kNotSaved,
        0, 0},
-      {"empty_item",
-       std::string(kStarting) + kDescribed + "DMS_connector_handler::download_file() -> \"\"\n" +
-           not_fetched_saved,
-       1, 0},
+      {"empty_item", described + not_fetched_saved, 1, 0},
       {"SelectDocItem",
-       std::string(kStarting) + kDescribed +
-           "pDMSHelper->SelectDocItem(\"lib\", \"ws\", \"4711.3\") -> 0x80070057 (The parameter "
-           "is incorrect.)\n" +
-           "DMS_connector_handler::download_file() -> \"\"\n" + not_fetched_saved,
+       described +
+           R"(pDMSHelper->SelectDocItem("lib", "ws", "4711.3") -> 0x80070057 (The parameter is incorrect.)
+)" + not_fetched_saved,
        1, 0},
       {"DocOpen",
-       std::string(kStarting) + kDescribed +
-           "pDMSHelper->DocOpen(\"lib\", \"item1\", 2) -> 0x80070005 (Access is denied.)\n" +
-           "DMS_connector_handler::download_file() -> \"\"\n" +
-           replace_all(not_fetched_saved, "saved1", "saved2"),
+       described + R"(pDMSHelper->DocOpen("lib", "item1", 2) -> 0x80070005 (Access is denied.)
+)" + replace_all(not_fetched_saved, "saved1", "saved2"),
        1, 0},
       {"DocGetLocalFile",
-       std::string(kStarting) + kDescribed + "DMS_connector_handler::download_file() -> item1\n" +
-           "DMS_connector_handler::get_localfilename(\"lib\", \"item1\")\n" +
-           "pDMSHelper->DocGetLocalFile(\"lib\", \"item1\") -> 0x80070002 (The system cannot "
-           "find the file specified.)\n" +
-           "DMS_connector_handler::get_localfilename() -> \"\"\n" + kSaving +
-           "DMS_connector_handler::save_file_to_DMS() -> saved2\n" + kClosedBoth,
+       described + R"(::download_file() -> item1
+::get_localfilename("lib", "item1")
+pDMSHelper->DocGetLocalFile("lib", "item1") -> 0x80070002 (The system cannot find the file specified.)
+::get_localfilename() -> ""
+)" + kSaving +
+           "::save_file_to_DMS() -> saved2\n" + kClosedBoth,
        2, 0},
       {"null_properties", unnamed_saved, 2, 0},
       {"no_known_keys", unnamed_saved, 2, 0},
       {"DocGetProperties",
        std::string(kStarting) +
-           "pDMSHelper->DocGetProperties(\"lib\", \"ws\", \"4711.3\") -> 0x80004005 (Unspecified "
-           "error)\n",
+           R"(pDMSHelper->DocGetProperties("lib", "ws", "4711.3") -> 0x80004005 (Unspecified error)
+)",
        0, 0},
       {"SaveDocItem",
-       std::string(kStarting) + kDescribed + kFetched + kSaving +
-           "DMS_connector_handler::save_file_to_DMS() -> 0x80070070 (There is not enough space "
-           "on the disk.)\n" +
-           "DMS_connector_handler::close_dms_file(\"lib\", \"item1\")\n" +
-           "DMS_connector_handler::close_dms_file() -> S_OK\n",
+       described + kFetched + kSaving +
+           R"(::save_file_to_DMS() -> 0x80070070 (There is not enough space on the disk.)
+::close_dms_file("lib", "item1")
+::close_dms_file() -> S_OK
+)",
        1, 0},
-      {"DocClose",
-       fetched_saved + "DMS_connector_handler::close_dms_file(\"lib\", \"item1\")\n" +
-           "pDMSHelper->DocClose(\"lib\", \"item1\", DMSConnector::CLOSE_NORMAL) -> 0x8000ffff "
-           "(Catastrophic failure)\n" +
-           "DMS_connector_handler::close_dms_file() -> 0x8000ffff (Catastrophic failure)\n" +
-           "DMS_connector_handler::close_dms_file(\"lib\", \"saved2\")\n" +
-           "pDMSHelper->DocClose(\"lib\", \"saved2\", DMSConnector::CLOSE_NORMAL) -> 0x8000ffff "
-           "(Catastrophic failure)\n" +
-           "DMS_connector_handler::close_dms_file() -> 0x8000ffff (Catastrophic failure)\n",
+      {"DocClose", fetched_saved + R"(::close_dms_file("lib", "item1")
+pDMSHelper->DocClose("lib", "item1", DMSConnector::CLOSE_NORMAL) -> 0x8000ffff (Catastrophic failure)
+::close_dms_file() -> 0x8000ffff (Catastrophic failure)
+::close_dms_file("lib", "saved2")
+pDMSHelper->DocClose("lib", "saved2", DMSConnector::CLOSE_NORMAL) -> 0x8000ffff (Catastrophic failure)
+::close_dms_file() -> 0x8000ffff (Catastrophic failure)
+)",
        0, 2},
-      {"close_false",
-       fetched_saved + "DMS_connector_handler::close_dms_file(\"lib\", \"item1\")\n" +
-           "DMS_connector_handler::close_dms_file() -> 0x1 (Incorrect function.)\n" +
-           "DMS_connector_handler::close_dms_file(\"lib\", \"saved2\")\n" +
-           "DMS_connector_handler::close_dms_file() -> 0x1 (Incorrect function.)\n",
+      {"close_false", fetched_saved + R"(::close_dms_file("lib", "item1")
+::close_dms_file() -> 0x1 (Incorrect function.)
+::close_dms_file("lib", "saved2")
+::close_dms_file() -> 0x1 (Incorrect function.)
+)",
        2, 0},
   };
   for (const auto& c : cases) {
@@ -227,14 +220,14 @@ TEST_F(DMS_connector_handler_test, ArgumentsReachTheConnectorInTheirPlaces) {
     DMS_connector_handler dms(log_);
     run_create_pdf(dms, pdf_);
   }
-  EXPECT_EQ(call<const char*>("fault_connector_calls"),
-            expand("DocGetProperties(lib, ws, 4711.3)\n"
-                   "SelectDocItem(lib, ws, 4711.3)\n"
-                   "DocOpen(lib, item1, 2)\n"
-                   "DocGetLocalFile(lib, item1)\n"
-                   "SaveDocItem(1, {PDF}, lib, ws, Reports, Bericht \xc3\xbc.pdf, 4711.3, 0)\n"
-                   "DocClose(lib, item1, 0)\n"
-                   "DocClose(lib, saved2, 0)\n"));
+  EXPECT_EQ(call<const char*>("fault_connector_calls"), expand(R"(DocGetProperties(lib, ws, 4711.3)
+SelectDocItem(lib, ws, 4711.3)
+DocOpen(lib, item1, 2)
+DocGetLocalFile(lib, item1)
+SaveDocItem(1, {PDF}, lib, ws, Reports, Bericht ü.pdf, 4711.3, 0)
+DocClose(lib, item1, 0)
+DocClose(lib, saved2, 0)
+)"));
 }
 
 TEST_F(DMS_connector_handler_test, AFailedStartIsTriedAgainByTheNextOperation) {
@@ -244,15 +237,14 @@ TEST_F(DMS_connector_handler_test, AFailedStartIsTriedAgainByTheNextOperation) {
   env_.set_env("TARN_FAULT", std::nullopt);
   EXPECT_EQ(dms.download_file("lib", "ws", "1.1"), "item1");
   EXPECT_TRUE(dms.close_dms_file("lib", "item1"));
-  EXPECT_EQ(log_texts(*log_),
-            std::string(kCreated) +
-                "DMS_connector_handler::download_file(\"lib\", \"ws, \"1.1\", 2)\n" + kInitFailed +
-                "DMS_connector_handler::download_file() -> \"\"\n"
-                "DMS_connector_handler::download_file(\"lib\", \"ws, \"1.1\", 2)\n"
-                "DMS_connector_handler::init\n"
-                "DMS_connector_handler::download_file() -> item1\n"
-                "DMS_connector_handler::close_dms_file(\"lib\", \"item1\")\n"
-                "DMS_connector_handler::close_dms_file() -> S_OK\n");
+  EXPECT_EQ(log_texts(*log_), expand(std::string(kCreated) +
+                                     R"(::download_file("lib", "ws, "1.1", 2)
+)" + kInitFailed + kNotDownloaded + R"(::download_file("lib", "ws, "1.1", 2)
+::init
+::download_file() -> item1
+::close_dms_file("lib", "item1")
+::close_dms_file() -> S_OK
+)"));
   EXPECT_EQ(call<int>("fault_connector_created"), 2);
 }
 
@@ -268,27 +260,19 @@ TEST_F(DMS_connector_handler_test, EmptyIdsAndMissingFilesNeverReachTheConnector
     EXPECT_EQ(dms.save_file_to_DMS(0, too_long, "lib", "ws", "F", "x.pdf", ""), "");
   }
   EXPECT_STREQ(call<const char*>("fault_connector_calls"), "");
-  EXPECT_EQ(log_texts(*log_),
-            expand(std::string(kCreated) +
-                   "DMS_connector_handler::close_dms_file(\"lib\", \"\")\n"
-                   "DMS_connector_handler::init\n"
-                   "pDMSHelper->DocClose(\"lib\", \"\", DMSConnector::CLOSE_NORMAL) -> "
-                   "0x80004005 (Unspecified error)\n"
-                   "DMS_connector_handler::close_dms_file() -> 0x80004005 (Unspecified error)\n"
-                   "DMS_connector_handler::get_localfilename(\"lib\", \"\")\n"
-                   "DMS_connector_handler::get_localfilename() -> \"\"\n"
-                   "DMS_connector_handler::save_file_to_DMS(\"{TMP}/gone.pdf\", \"lib, \"ws, "
-                   "\"F\", \"gone.pdf\", \"\")\n"
-                   "DMS_connector_handler::save_file_to_DMS() -> \n"
-                   "DMS_connector_handler::save_file_to_DMS(\"" +
-                   too_long +
-                   "\", \"lib, \"ws, "
-                   "\"F\", \"x.pdf\", \"\")\n"
-                   "ERROR: DMS_connector_handler::save_file_to_DMS() can't test \"" +
-                   too_long +
-                   "\": File name too long\n"
-                   "DMS_connector_handler::save_file_to_DMS() -> \n" +
-                   kClosing));
+  EXPECT_EQ(log_texts(*log_), expand(std::string(kCreated) + R"(::close_dms_file("lib", "")
+::init
+pDMSHelper->DocClose("lib", "", DMSConnector::CLOSE_NORMAL) -> 0x80004005 (Unspecified error)
+::close_dms_file() -> 0x80004005 (Unspecified error)
+::get_localfilename("lib", "")
+::get_localfilename() -> ""
+::save_file_to_DMS("{TMP}/gone.pdf", "lib, "ws, "F", "gone.pdf", "")
+)" + kNotSaved + "::save_file_to_DMS(\"" +
+                                     too_long +
+                                     "\", \"lib, \"ws, \"F\", \"x.pdf\", \"\")\n"
+                                     "ERROR: DMS_connector_handler::save_file_to_DMS() "
+                                     "can't test \"" +
+                                     too_long + "\": File name too long\n" + kNotSaved + kClosing));
 }
 
 // The same operations against the shipped connector and its store on this machine.
@@ -349,39 +333,36 @@ TEST_F(DMS_connector_handler_local_store_test, StoresThePdfInEachModeAndClosesEv
   }
   dms.reset();
 
-  const std::string one_flow =
-      "DMS_connector_handler::get_file_info(\"\", \"Inbox\", \"1.1\")\n"
-      "DMS_connector_handler::get_file_info() -> retval.name: report\n"
-      "DMS_connector_handler::download_file(\"\", \"Inbox, \"1.1\", 2)\n"
-      "DMS_connector_handler::download_file() -> 1.1@{I}\n"
-      "DMS_connector_handler::get_localfilename(\"\", \"1.1@{I}\")\n"
-      "DMS_connector_handler::get_localfilename() -> {LOCAL}\n"
-      "DMS_connector_handler::save_file_to_DMS(\"{PDF}\", \", \"Inbox, \"Inbox\", "
-      "\"report.pdf\", \"1.1\")\n"
-      "DMS_connector_handler::save_file_to_DMS() -> {S}\n"
-      "DMS_connector_handler::close_dms_file(\"\", \"1.1@{I}\")\n"
-      "DMS_connector_handler::close_dms_file() -> S_OK\n"
-      "DMS_connector_handler::close_dms_file(\"\", \"{S}\")\n"
-      "DMS_connector_handler::close_dms_file() -> S_OK\n";
+  const std::string one_flow = R"(::get_file_info("", "Inbox", "1.1")
+::get_file_info() -> retval.name: report
+::download_file("", "Inbox, "1.1", 2)
+::download_file() -> 1.1@{I}
+::get_localfilename("", "1.1@{I}")
+::get_localfilename() -> {LOCAL}
+::save_file_to_DMS("{PDF}", ", "Inbox, "Inbox", "report.pdf", "1.1")
+::save_file_to_DMS() -> {S}
+::close_dms_file("", "1.1@{I}")
+::close_dms_file() -> S_OK
+::close_dms_file("", "{S}")
+::close_dms_file() -> S_OK
+)";
   auto flow_log = [&](const flow_result& r) {
     std::string text = replace_all(one_flow, "{I}", r.item_id.substr(r.item_id.find('@') + 1));
     text = replace_all(text, "{LOCAL}", r.local_file.string());
     return replace_all(text, "{S}", r.saved_item_id);
   };
-  std::string expected = std::string(kCreated) + "DMS_connector_handler::save_file_to_DMS(\"" +
-                         source_.string() +
-                         "\", \", \"Inbox, \"\", \"report.docx\", \"\")\n"
-                         "DMS_connector_handler::init\n"
-                         "DMS_connector_handler::save_file_to_DMS() -> 1.1@1\n"
-                         "DMS_connector_handler::close_dms_file(\"\", \"1.1@1\")\n"
-                         "DMS_connector_handler::close_dms_file() -> S_OK\n" +
-                         flow_log(related) + flow_log(version);
+  std::string expected = std::string(kCreated) + "::save_file_to_DMS(\"" + source_.string() +
+                         R"(", ", "Inbox, "", "report.docx", "")
+::init
+::save_file_to_DMS() -> 1.1@1
+::close_dms_file("", "1.1@1")
+::close_dms_file() -> S_OK
+)" + flow_log(related) + flow_log(version);
   for (const char* ref : {"2.1", "1.2", "1.1"}) {
-    expected += std::string("DMS_connector_handler::get_file_info(\"\", \"Inbox\", \"") + ref +
-                "\")\nDMS_connector_handler::get_file_info() -> retval.name: report\n";
+    expected += std::string("::get_file_info(\"\", \"Inbox\", \"") + ref +
+                "\")\n::get_file_info() -> retval.name: report\n";
   }
-  expected += kClosing;
-  EXPECT_EQ(log_texts(*log_), replace_all(expected, "{PDF}", pdf_.string()));
+  EXPECT_EQ(log_texts(*log_), expand(expected + kClosing, pdf_));
 }
 
 TEST_F(DMS_connector_handler_local_store_test, BadReferencesAndLostContentFailWithTheirLines) {
@@ -406,28 +387,21 @@ TEST_F(DMS_connector_handler_local_store_test, BadReferencesAndLostContentFailWi
   EXPECT_EQ(dms.download_file("", "", "1.1"), "");
   EXPECT_EQ(local_copies(), std::vector<std::filesystem::path>{});
 
-  EXPECT_EQ(log_texts(*log_),
-            std::string(kCreated) +
-                "DMS_connector_handler::get_file_info(\"\", \"\", \"99.1\")\n"
-                "DMS_connector_handler::init\n"
-                "pDMSHelper->DocGetProperties(\"\", \"\", \"99.1\") -> 0x80070002 (The system "
-                "cannot find the file specified.)\n"
-                "DMS_connector_handler::download_file(\"\", \", \"not-a-ref\", 2)\n"
-                "DMS_connector_handler::download_file() -> \"\"\n"
-                "DMS_connector_handler::save_file_to_DMS(\"" +
-                pdf_.string() +
-                "\", \", \", \"\", \"x.pdf\", \"99.1\")\n"
-                "DMS_connector_handler::save_file_to_DMS() -> 0x80070002 (The system cannot find "
-                "the file specified.)\n"
-                "DMS_connector_handler::close_dms_file(\"\", \"1.1@1\")\n"
-                "pDMSHelper->DocClose(\"\", \"1.1@1\", DMSConnector::CLOSE_NORMAL) -> 0x80070057 "
-                "(The parameter is incorrect.)\n"
-                "DMS_connector_handler::close_dms_file() -> 0x80070057 (The parameter is "
-                "incorrect.)\n"
-                "DMS_connector_handler::download_file(\"\", \", \"1.1\", 2)\n"
-                "pDMSHelper->DocOpen(\"\", \"1.1@1\", 2) -> 0x80070002 (The system cannot find "
-                "the file specified.)\n"
-                "DMS_connector_handler::download_file() -> \"\"\n");
+  EXPECT_EQ(log_texts(*log_), expand(std::string(kCreated) + R"(::get_file_info("", "", "99.1")
+::init
+pDMSHelper->DocGetProperties("", "", "99.1") -> 0x80070002 (The system cannot find the file specified.)
+::download_file("", ", "not-a-ref", 2)
+::download_file() -> ""
+::save_file_to_DMS("{PDF}", ", ", "", "x.pdf", "99.1")
+::save_file_to_DMS() -> 0x80070002 (The system cannot find the file specified.)
+::close_dms_file("", "1.1@1")
+pDMSHelper->DocClose("", "1.1@1", DMSConnector::CLOSE_NORMAL) -> 0x80070057 (The parameter is incorrect.)
+::close_dms_file() -> 0x80070057 (The parameter is incorrect.)
+::download_file("", ", "1.1", 2)
+pDMSHelper->DocOpen("", "1.1@1", 2) -> 0x80070002 (The system cannot find the file specified.)
+::download_file() -> ""
+)",
+                                     pdf_));
 }
 
 }  // namespace

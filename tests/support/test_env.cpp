@@ -68,4 +68,12 @@ void write_file(const std::filesystem::path& path, const std::string& bytes) {
   out << bytes;
 }
 
+std::set<std::string> names_in(const std::filesystem::path& dir) {
+  std::set<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
+    names.insert(entry.path().filename().string());
+  return names;
+}
+
 }  // namespace tarn::test

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace tarn::test {
@@ -40,5 +41,7 @@ class sandboxed_test : public ::testing::Test {
 
 std::string read_file(const std::filesystem::path& path);
 void write_file(const std::filesystem::path& path, const std::string& bytes);
+// The names of the entries of `dir`, so that a leftover file shows; none for a missing folder.
+std::set<std::string> names_in(const std::filesystem::path& dir);
 
 }  // namespace tarn::test

@@ -1,6 +1,7 @@
 // tarnctl dms import|list|show|versions|export|related: the local document store from the
 // command line. Tables for people by default, --json for scripts. Imports print each new
 // reference, which is what the gateway's clients send back as doc_ref.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,6 +43,12 @@ nlohmann::json to_json(const stored_version& v) {
           {"version", v.version},     {"versions", v.version_count}, {"name", v.name},
           {"extension", v.extension}, {"folder", v.folder},          {"size", v.size},
           {"created", v.created}};
+}
+
+void print_json(const std::vector<stored_version>& versions) {
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& v : versions) out.push_back(to_json(v));
+  print_json(out);
 }
 
 // Terminal columns of one character: 0 for combining marks, 2 for East Asian wide ones.
@@ -124,6 +131,16 @@ class dms_command {
     error(text);
     return kExitUsage;
   }
+  int failed(const std::string& text) const {
+    error(text);
+    return kExitFailed;
+  }
+  // False (reported) when --folder names no valid folder.
+  bool folder_ok() const {
+    if (!opt_.folder || valid_folder(*opt_.folder)) return true;
+    error("\"" + *opt_.folder + "\" is no folder name (printable UTF-8, up to 255 bytes)");
+    return false;
+  }
   // The library of --library, or the default one; nullopt (reported) when misspelt.
   std::optional<std::string> library() const {
     auto library = library_of_connection(opt_.library);
@@ -161,8 +178,7 @@ class dms_command {
 };
 
 int dms_command::import_files() {
-  if (opt_.folder && !valid_folder(*opt_.folder))
-    return usage("\"" + *opt_.folder + "\" is no folder name (printable UTF-8, up to 255 bytes)");
+  if (!folder_ok()) return kExitUsage;
   auto library = this->library();
   if (!library) return kExitUsage;
   int code;
@@ -214,25 +230,19 @@ int dms_command::import_files() {
 }
 
 int dms_command::list() {
-  if (opt_.folder && !valid_folder(*opt_.folder))
-    return usage("\"" + *opt_.folder + "\" is no folder name (printable UTF-8, up to 255 bytes)");
+  if (!folder_ok()) return kExitUsage;
   auto library = this->library();
   if (!library) return kExitUsage;
   int code;
   std::vector<stored_version> documents;
   if (auto store = open_store(*library, false, true, &code)) {
     std::string why;
-    if (store->list(opt_.folder, &documents, &why) != store_status::ok) {
-      error(why);
-      return kExitFailed;
-    }
+    if (store->list(opt_.folder, &documents, &why) != store_status::ok) return failed(why);
   } else if (code != kExitOk) {
     return code;
   }
   if (opt_.json) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& v : documents) out.push_back(to_json(v));
-    print_json(out);
+    print_json(documents);
     return kExitOk;
   }
   std::vector<std::vector<std::string>> rows;
@@ -262,8 +272,7 @@ std::optional<stored_version> dms_command::find_ref(std::unique_ptr<local_store>
   stored_version v;
   std::string why;
   if ((*store)->find(key->number, key->version, &v, &why) != store_status::ok) {
-    error(why);
-    *code = kExitFailed;
+    *code = failed(why);
     return std::nullopt;
   }
   return v;
@@ -276,7 +285,8 @@ int dms_command::show() {
   if (!v) return code;
   std::vector<related_document> links;
   std::string why;
-  store->related(v->number, &links, &why);
+  if (store->related(v->number, &links, &why) != store_status::ok)
+    return failed("can't read the documents related to " + v->ref() + ": " + why);
   const std::string content = store->content_path(*v).string();
   if (opt_.json) {
     nlohmann::json out = to_json(*v);
@@ -310,14 +320,9 @@ int dms_command::versions() {
   if (!v) return code;
   std::vector<stored_version> all;
   std::string why;
-  if (store->versions(v->number, &all, &why) != store_status::ok) {
-    error(why);
-    return kExitFailed;
-  }
+  if (store->versions(v->number, &all, &why) != store_status::ok) return failed(why);
   if (opt_.json) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& each : all) out.push_back(to_json(each));
-    print_json(out);
+    print_json(all);
     return kExitOk;
   }
   std::vector<std::vector<std::string>> rows;
@@ -334,10 +339,7 @@ int dms_command::related() {
   if (!v) return code;
   std::vector<related_document> links;
   std::string why;
-  if (store->related(v->number, &links, &why) != store_status::ok) {
-    error(why);
-    return kExitFailed;
-  }
+  if (store->related(v->number, &links, &why) != store_status::ok) return failed(why);
   if (opt_.json) {
     nlohmann::json out = nlohmann::json::array();
     for (const auto& link : links) {
@@ -358,39 +360,33 @@ int dms_command::related() {
 
 int dms_command::export_to() {
   std::error_code ec;
-  if (!std::filesystem::is_directory(opt_.dir, ec)) {
-    error("no folder " + opt_.dir + (ec ? ": " + ec.message() : std::string()));
-    return kExitFailed;
-  }
+  if (!std::filesystem::is_directory(opt_.dir, ec))
+    return failed("no folder " + opt_.dir + (ec ? ": " + ec.message() : std::string()));
   int code;
   std::unique_ptr<local_store> store;
   auto v = find_ref(&store, &code);
   if (!v) return code;
   const std::filesystem::path target =
       std::filesystem::path(opt_.dir) / safe_file_name(v->name, v->extension);
-  if (!opt_.force && std::filesystem::exists(target, ec)) {
-    error(target.string() + " exists already (--force replaces it)");
-    return kExitFailed;
-  }
+  if (!opt_.force && std::filesystem::exists(target, ec))
+    return failed(target.string() + " exists already (--force replaces it)");
   // Copied beside the target and renamed, so that a failure never leaves half a file there.
   const std::filesystem::path partial =
       target.parent_path() / ("." + target.filename().string() + "." + random_hex(4) + ".part");
   copy_result copied = copy_into_new_file(store->content_path(*v), partial, true);
-  if (!copied.ok) {
-    error("can't export " + v->ref() + ": " + copied.text);
-    return kExitFailed;
-  }
+  if (!copied.ok) return failed("can't export " + v->ref() + ": " + copied.text);
   if (copied.size != v->size) {
     ::unlink(partial.c_str());
-    error("can't export " + v->ref() + ": its content holds " + std::to_string(copied.size) +
-          " bytes, the catalogue says " + std::to_string(v->size));
-    return kExitFailed;
+    return failed("can't export " + v->ref() + ": its content holds " +
+                  std::to_string(copied.size) + " bytes, the catalogue says " +
+                  std::to_string(v->size));
   }
-  if (::rename(partial.c_str(), target.c_str()) != 0) {
+  // Without --force, a file that appeared since the check above is still never replaced.
+  const unsigned flags = opt_.force ? 0 : RENAME_NOREPLACE;
+  if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, target.c_str(), flags) != 0) {
     const int error_code = errno;
     ::unlink(partial.c_str());
-    error("can't write " + target.string() + ": " + std::strerror(error_code));
-    return kExitFailed;
+    return failed("can't write " + target.string() + ": " + std::strerror(error_code));
   }
   if (opt_.json) {
     nlohmann::json out = to_json(*v);

@@ -206,12 +206,24 @@ std::unique_ptr<registry_store> open_store(const parsed_key& key, registry_store
 constexpr const char* kNotFound =
     "ERROR: The system was unable to find the specified registry key or value.";
 
-int run_add(const reg_options& opt) {
+int not_found() {
+  std::cerr << kNotFound << "\n";
+  return kExitFailed;
+}
+
+// The key of the command line with a path below its root; nullopt (reported) otherwise.
+std::optional<parsed_key> command_key(const reg_options& opt) {
   auto key = parse_key(opt.key);
   if (!key || key->path.empty()) {
     std::cerr << "ERROR: Invalid key name: \"" << opt.key << "\".\n";
-    return kExitUsage;
+    return std::nullopt;
   }
+  return key;
+}
+
+int run_add(const reg_options& opt) {
+  auto key = command_key(opt);
+  if (!key) return kExitUsage;
   auto type = type_names().find(upper(opt.type));
   if (type == type_names().end()) {
     std::cerr << "ERROR: Invalid type: \"" << opt.type << "\". Use REG_SZ, REG_EXPAND_SZ, "
@@ -264,23 +276,14 @@ void query_key(registry_store& store, const parsed_key& key, const std::string& 
 }
 
 int run_query(const reg_options& opt) {
-  auto key = parse_key(opt.key);
-  if (!key || key->path.empty()) {
-    std::cerr << "ERROR: Invalid key name: \"" << opt.key << "\".\n";
-    return kExitUsage;
-  }
+  auto key = command_key(opt);
+  if (!key) return kExitUsage;
   int code = 0;
   auto store = open_store(*key, registry_store::access::read, &code);
-  if (!store || !store->key_exists(key->path)) {
-    std::cerr << kNotFound << "\n";
-    return kExitFailed;
-  }
+  if (!store || !store->key_exists(key->path)) return not_found();
   if (opt.value_name || opt.default_value) {
     auto value = store->get(key->path, opt.value_name.value_or(""));
-    if (!value) {
-      std::cerr << kNotFound << "\n";
-      return kExitFailed;
-    }
+    if (!value) return not_found();
     std::cout << "\n" << key->root_name << "\\" << key->path << "\n";
     print_value(*value);
   } else {
@@ -291,17 +294,11 @@ int run_query(const reg_options& opt) {
 }
 
 int run_delete(const reg_options& opt) {
-  auto key = parse_key(opt.key);
-  if (!key || key->path.empty()) {
-    std::cerr << "ERROR: Invalid key name: \"" << opt.key << "\".\n";
-    return kExitUsage;
-  }
+  auto key = command_key(opt);
+  if (!key) return kExitUsage;
   int code = 0;
   auto read = open_store(*key, registry_store::access::read, &code);
-  if (!read || !read->key_exists(key->path)) {
-    std::cerr << kNotFound << "\n";
-    return kExitFailed;
-  }
+  if (!read || !read->key_exists(key->path)) return not_found();
   read.reset();
   auto store = open_store(*key, registry_store::access::write, &code);
   if (!store) return kExitFailed;
@@ -310,13 +307,15 @@ int run_delete(const reg_options& opt) {
   if (opt.all_values) {
     if (!opt.force && !confirm("Delete all values under the registry key " + full + " (Yes/No)?"))
       return kExitFailed;
-    for (const auto& value : store->values(key->path)) store->remove_value(key->path, value.name, &err);
+    for (const auto& value : store->values(key->path)) {
+      if (!store->remove_value(key->path, value.name, &err) && !err.empty()) {
+        std::cerr << "ERROR: can't delete " << full << "\\" << value.name << ": " << err << "\n";
+        return kExitFailed;
+      }
+    }
   } else if (opt.value_name || opt.default_value) {
     const std::string name = opt.value_name.value_or("");
-    if (!store->get(key->path, name)) {
-      std::cerr << kNotFound << "\n";
-      return kExitFailed;
-    }
+    if (!store->get(key->path, name)) return not_found();
     if (!opt.force &&
         !confirm("Delete the registry value " + (name.empty() ? std::string("(Default)") : name) +
                  " (Yes/No)?"))

@@ -22,15 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::select_item;
 
-constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80070002u);
-constexpr HRESULT kInvalidData = static_cast<HRESULT>(0x8007000Du);
-constexpr HRESULT kDiskFull = static_cast<HRESULT>(0x80070070u);
-
-size_t entries_in(const fs::path& dir) {
-  std::error_code ec;
-  return static_cast<size_t>(std::distance(fs::directory_iterator(dir, ec), {}));
-}
-
 size_t files_below(const fs::path& dir) {
   std::error_code ec;
   size_t count = 0;
@@ -152,7 +143,7 @@ class dms_local_test : public test::sandboxed_test {
   // Every version has its whole content, and no write is left half done.
   void expect_store_consistent(size_t versions) {
     // Looked at first: opening the store here would tidy incoming/ up itself.
-    EXPECT_EQ(entries_in(library_dir() / "incoming"), 0u);
+    EXPECT_EQ(test::names_in(library_dir() / "incoming"), std::set<std::string>{});
     auto opened = store();
     ASSERT_TRUE(opened);
     size_t counted = 0;
@@ -166,7 +157,7 @@ class dms_local_test : public test::sandboxed_test {
       }
     }
     EXPECT_EQ(counted, versions);
-    EXPECT_EQ(entries_in(library_dir() / "content"), versions);
+    EXPECT_EQ(test::names_in(library_dir() / "content").size(), versions);
     sqlite_db db =
         sqlite_open((library_dir() / kCatalogueName).string(), SQLITE_OPEN_READONLY, nullptr);
     auto check = sqlite_prepare(db.get(), "PRAGMA integrity_check", nullptr);
@@ -187,6 +178,7 @@ TEST_F(dms_local_test, MakesOnlyItsOwnClassAndInterface) {
     HRESULT hr;
   } cases[] = {
       {"{3d91bb51-50a8-4de6-a8ad-fe23da9e7c97}", kIidDmsHelper, kComponentAbiVersion, S_OK},
+      {kClsidDmsConnector, kIidUnknown, kComponentAbiVersion, S_OK},
       {kOtherClass, kIidDmsHelper, kComponentAbiVersion, CLASS_E_CLASSNOTAVAILABLE},
       {kClsidDmsConnector, kOtherClass, kComponentAbiVersion, E_NOINTERFACE},
       {kClsidDmsConnector, kIidDmsHelper, kComponentAbiVersion + 1, kErrorAbiMismatch},
@@ -249,12 +241,12 @@ TEST_F(dms_local_test, RefusedSavesStoreNothing) {
     const char* connection;
     HRESULT hr;
   } cases[] = {
-      {kSaveNewRelatedDocument, pdf, "9.1", "", kNotFound},
-      {kSaveNewVersion, pdf, "1.5", "", kNotFound},
+      {kSaveNewRelatedDocument, pdf, "9.1", "", kHrFileNotFound},
+      {kSaveNewVersion, pdf, "1.5", "", kHrFileNotFound},
       {kSaveNewVersion, pdf, "../1.1", "", E_INVALIDARG},
-      {kSaveNewVersion, pdf, "1.1", "other", kNotFound},
+      {kSaveNewVersion, pdf, "1.1", "other", kHrFileNotFound},
       {3, pdf, "1.1", "", E_INVALIDARG},
-      {kSaveNewDocument, env_.root() / "in" / "missing.pdf", "1.1", "", kNotFound},
+      {kSaveNewDocument, env_.root() / "in" / "missing.pdf", "1.1", "", kHrFileNotFound},
       {kSaveNewDocument, env_.root() / "in", "1.1", "", E_INVALIDARG},
       {kSaveNewDocument, pdf, "", "../default", E_INVALIDARG},
   };
@@ -321,7 +313,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
 
   // A connector released with items still open takes every copy with it.
   dms_.release()->Release();
-  EXPECT_EQ(entries_in(cache_dir()), 0u);
+  EXPECT_EQ(test::names_in(cache_dir()), std::set<std::string>{});
 }
 
 TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
@@ -353,7 +345,8 @@ TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
       EXPECT_EQ(props != nullptr, expected);
     }
   }
-  EXPECT_EQ(entries_in(local_store::root_dir()), 1u) << "asking made a folder";
+  EXPECT_EQ(test::names_in(local_store::root_dir()), std::set<std::string>{kDefaultLibrary})
+      << "asking made a folder";
 }
 
 TEST_F(dms_local_test, DamagedContentFailsTheOpenAndLeavesNoCopy) {
@@ -362,8 +355,8 @@ TEST_F(dms_local_test, DamagedContentFailsTheOpenAndLeavesNoCopy) {
     std::function<void(const fs::path&)> damage;
     HRESULT hr;
   } cases[] = {
-      {"deleted", [](const fs::path& p) { fs::remove(p); }, kNotFound},
-      {"truncated", [](const fs::path& p) { fs::resize_file(p, 3); }, kInvalidData},
+      {"deleted", [](const fs::path& p) { fs::remove(p); }, kHrFileNotFound},
+      {"truncated", [](const fs::path& p) { fs::resize_file(p, 3); }, kHrInvalidData},
   };
   int number = 0;
   for (const auto& c : cases) {
@@ -415,7 +408,7 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
   const fs::path big = input("big.bin", std::string(1 << 20, 'b'));
   if (small.mounted()) {
     RecordProperty("full_disk", "tmpfs of 256 KiB");
-    EXPECT_EQ(save(kSaveNewDocument, big, "", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewDocument, big, "", "", "", dms.get()), kHrDiskFull);
     // Filled up in pages: with none left the content can't be written, with one left the
     // content fits and the catalogue's journal doesn't.
     const fs::path filler = env_.root() / "small" / "filler";
@@ -423,9 +416,9 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
     int pages = 0;
     while (std::ofstream(filler / std::to_string(pages)) << std::string(4096, 'f') << std::flush)
       ++pages;
-    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kHrDiskFull);
     fs::remove(filler / "0");
-    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kDiskFull);
+    EXPECT_EQ(save(kSaveNewVersion, input("b.txt", "b"), "1.1", "", "", dms.get()), kHrDiskFull);
     fs::remove_all(filler);
   } else {
     // Without the right to mount: a child process whose files may not grow past 256 KiB.
@@ -439,7 +432,7 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
       std::string item;
       const HRESULT hr = in_child->SaveDocItem(kSaveNewDocument, big.string(), "", "", "",
                                                "big.bin", "", 0, &item);
-      _exit(hr == kDiskFull ? 0 : 1);
+      _exit(hr == kHrDiskFull ? 0 : 1);
     }
     EXPECT_EQ(exit_status(child), 0);
   }

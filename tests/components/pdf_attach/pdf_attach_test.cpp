@@ -17,9 +17,6 @@ namespace tarn {
 namespace {
 
 using labels = std::vector<std::string>;
-constexpr HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002u);
-constexpr HRESULT kInvalidHandle = static_cast<HRESULT>(0x80070006u);
-constexpr HRESULT kInvalidPassword = static_cast<HRESULT>(0x8007056Bu);
 
 // The optional arguments of AttachInsert.
 struct insert_args {
@@ -148,12 +145,12 @@ TEST_F(pdf_attach_test, ABadInsertFailsAndLeavesTheDocumentAsItWas) {
       {"insert beyond the end", handle, b, {.after = "2"}, E_INVALIDARG},
       {"negative position", handle, b, {.after = "-1"}, E_INVALIDARG},
       {"odd rotation", handle, b, {.rotation = "45"}, E_INVALIDARG},
-      {"missing file", handle, (env_.tmp() / "none.pdf").string(), {}, kFileNotFound},
+      {"missing file", handle, (env_.tmp() / "none.pdf").string(), {}, kHrFileNotFound},
       {"not a PDF", handle, garbage, {}, E_FAIL},
       {"damaged, strict", handle, damaged, {.flags = kAttachInsertStrict}, E_INVALIDARG},
-      {"no password", handle, locked, {}, kInvalidPassword},
-      {"unknown document", handle + 1, b, {}, kInvalidHandle},
-      {"no document", kNoAttachDocument, b, {}, kInvalidHandle},
+      {"no password", handle, locked, {}, kHrInvalidPassword},
+      {"unknown document", handle + 1, b, {}, kHrInvalidHandle},
+      {"no document", kNoAttachDocument, b, {}, kHrInvalidHandle},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -173,8 +170,8 @@ TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
   ASSERT_EQ(insert(handle, pdf("b", 1)), S_OK);
 
   const std::string elsewhere = (env_.tmp() / "no" / "such" / "out.pdf").string();
-  EXPECT_EQ(attach_->AttachSave(elsewhere, handle, 0), kFileNotFound);
-  EXPECT_EQ(attach_->AttachSave(target, kNoAttachDocument, 0), kInvalidHandle);
+  EXPECT_EQ(attach_->AttachSave(elsewhere, handle, 0), kHrFileNotFound);
+  EXPECT_EQ(attach_->AttachSave(target, kNoAttachDocument, 0), kHrInvalidHandle);
   EXPECT_EQ(test::pdf_page_labels(target), labels{"a.1"});
 
   ASSERT_EQ(attach_->AttachSave(target, handle, kAttachSaveLinearize | kAttachSaveFlush), S_OK);
@@ -187,15 +184,11 @@ TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
   EXPECT_EQ(saved.getTrailer().getKey("/Info").getKey("/Producer").getUTF8Value(), "Tarn test");
   EXPECT_EQ(test::pdf_page_labels(target), (labels{"a.1", "b.1"}));
 
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(env_.tmp()))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"a.pdf", "b.pdf"}));
+  EXPECT_EQ(test::names_in(env_.tmp()), (std::set<std::string>{"a.pdf", "b.pdf"}));
 
   // AttachTerm closes the document.
   EXPECT_EQ(attach_->AttachTerm(), S_OK);
-  EXPECT_EQ(attach_->AttachSave(target, handle, 0), kInvalidHandle);
+  EXPECT_EQ(attach_->AttachSave(target, handle, 0), kHrInvalidHandle);
 }
 
 // Past a number of sources the component reopens files on demand instead of holding them, so

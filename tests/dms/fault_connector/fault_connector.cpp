@@ -3,16 +3,14 @@
 // DocGetProperties, null_properties, no_known_keys, SaveDocItem, DocClose, close_false.
 // Tests read its counters through their own dlopen of this library (same instance).
 // Built with FAULT_ABI_VERSION other than the gateway's, it stands for an outdated library.
-#include <strings.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <string>
 
 #include "dms/IDMSHelper.h"
+#include "dms/unknown_impl.h"
 
 #ifndef FAULT_ABI_VERSION
 #define FAULT_ABI_VERSION kComponentAbiVersion
@@ -39,23 +37,9 @@ bool fault(const char* name) {
 
 void record(const std::string& call) { state.calls += call + "\n"; }
 
-class fault_connector final : public IDMSHelper {
+class fault_connector final : public unknown_impl<IDMSHelper> {
  public:
-  HRESULT QueryInterface(const char* iid, void** object) override {
-    if (iid == nullptr || strcasecmp(iid, kIidDmsHelper) != 0) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IDMSHelper*>(this);
-    AddRef();
-    return S_OK;
-  }
-  uint32_t AddRef() override { return ++refs_; }
-  uint32_t Release() override {
-    const uint32_t left = --refs_;
-    if (left == 0) delete this;
-    return left;
-  }
+  fault_connector() : unknown_impl(kIidDmsHelper) {}
 
   HRESULT InitMgr() override { return fault("InitMgr") ? E_FAIL : S_OK; }
   HRESULT TermMgr() override {
@@ -83,7 +67,7 @@ class fault_connector final : public IDMSHelper {
   HRESULT DocGetLocalFile(const std::string& connection, const std::string& item_id,
                           std::string* path) override {
     record("DocGetLocalFile(" + connection + ", " + item_id + ")");
-    if (fault("DocGetLocalFile")) return static_cast<HRESULT>(0x80070002u);
+    if (fault("DocGetLocalFile")) return kHrFileNotFound;
     if (!state.open_items.count(item_id)) return E_INVALIDARG;
     *path = local_path(item_id);
     return S_OK;
@@ -117,7 +101,7 @@ class fault_connector final : public IDMSHelper {
     record("SaveDocItem(" + std::to_string(mode) + ", " + local_path + ", " + connection + ", " +
            location + ", " + folder + ", " + file_name + ", " + doc_ref + ", " +
            std::to_string(flags) + ")");
-    if (fault("SaveDocItem")) return static_cast<HRESULT>(0x80070070u);
+    if (fault("SaveDocItem")) return kHrDiskFull;
     if (!std::filesystem::exists(local_path)) return E_INVALIDARG;
     *item_id = "saved" + std::to_string(state.next_item++);
     state.open_items.insert(*item_id);
@@ -137,7 +121,6 @@ class fault_connector final : public IDMSHelper {
     return (std::filesystem::temp_directory_path() / (item_id + ".docx")).string();
   }
 
-  uint32_t refs_ = 0;
   property_array properties_;
 };
 
@@ -152,13 +135,9 @@ EXPORT tarn::HRESULT tarn_create_instance(const char* clsid, const char* iid, ui
   *object = nullptr;
   ++state.created;
   if (abi_version != FAULT_ABI_VERSION) return kErrorAbiMismatch;
-  if (clsid == nullptr || strcasecmp(clsid, kClsidDmsConnector) != 0)
-    return CLASS_E_CLASSNOTAVAILABLE;
+  if (!same_id(clsid, kClsidDmsConnector)) return CLASS_E_CLASSNOTAVAILABLE;
   if (fault("create")) return E_OUTOFMEMORY;
-  auto made = std::make_unique<fault_connector>();
-  const HRESULT hr = made->QueryInterface(iid, object);
-  if (SUCCEEDED(hr)) made.release();  // owned by its reference count from here
-  return hr;
+  return make_instance<fault_connector>(iid, object);
 }
 
 EXPORT void fault_connector_reset() { tarn::state = {}; }

@@ -47,11 +47,6 @@ class tarnassist_test : public test::sandboxed_test {
     test::write_file(env_.tmp() / name, content);
     return (env_.tmp() / name).string();
   }
-  static Names names_in(const fs::path& dir) {
-    Names names;
-    for (const auto& entry : fs::directory_iterator(dir)) names.insert(entry.path().filename());
-    return names;
-  }
   // The progress lines with their timings blanked out.
   static Lines lines(const std::string& out) {
     Lines found;
@@ -85,8 +80,8 @@ TEST_F(tarnassist_test, ConvertsEachFileAndCleansUpTheHandOver) {
                    "[3/4] 日本 \"q\".txt -> 日本 \"q\".pdf (T)",
                    "[4/4] keep.docx -> keep.pdf (T), copy kept (not in the temporary folder)",
                    "Done: 4 of 4 converted, in " + out_.string() + " (T)"}));
-  EXPECT_EQ(names_in(out_), (Names{"contract.pdf", "contract (2).pdf", "Bericht é.pdf",
-                                   "日本 \"q\".pdf", "keep.pdf"}));
+  EXPECT_EQ(test::names_in(out_), (Names{"contract.pdf", "contract (2).pdf", "Bericht é.pdf",
+                                         "日本 \"q\".pdf", "keep.pdf"}));
   EXPECT_EQ(test::read_file(out_ / "contract.pdf"), "an older PDF");
   EXPECT_EQ(test::pdf_text(out_ / "Bericht é.pdf"), "Hello from XPS\n\n\f");
   // Copies and list are gone; the file outside the temporary folder stays.
@@ -107,7 +102,7 @@ TEST_F(tarnassist_test, RealHelperConvertsDocumentsAndRefusesAnEmptyOne) {
   EXPECT_EQ(found[1].rfind("[2/2] empty.docx: failed: tarnprint exited with 1: ", 0), 0u);
   EXPECT_TRUE(test::pdf_is_valid(out_ / "Notiz \"1\" é.pdf"));
   EXPECT_EQ(test::pdf_text(out_ / "Notiz \"1\" é.pdf"), "Grüße aus der Notiz\n\n\f");
-  EXPECT_EQ(names_in(out_), Names{"Notiz \"1\" é.pdf"});
+  EXPECT_EQ(test::names_in(out_), Names{"Notiz \"1\" é.pdf"});
   EXPECT_EQ(test::read_file(list_), "[FILES]\r\nCount=1\r\nDelete=1\r\n1=\"" +
                                         (env_.tmp() / "empty.docx").string() + "\"\r\n");
 }
@@ -137,7 +132,7 @@ TEST_F(tarnassist_test, FailedFilesStayListedForARetry) {
                    "Done: 1 of 7 converted, 6 failed, in " + out_.string() + " (T)",
                    "The 3 failed file(s) stay listed in " + list_.string() +
                        "; run tarnassist on it again to retry."}));
-  EXPECT_EQ(names_in(out_), Names{"ok.pdf"});
+  EXPECT_EQ(test::names_in(out_), Names{"ok.pdf"});
   EXPECT_EQ(test::read_file(list_), "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"" + env_.tmp().string() +
                                         "/bad \xe9.docx\"\r\n2=\"" + corrupt + "\"\r\n3=\"" + hang +
                                         "\"\r\n");
@@ -147,7 +142,7 @@ TEST_F(tarnassist_test, FailedFilesStayListedForARetry) {
   test::write_file(hang, "text\n");
   r = assist({list_.string()});
   EXPECT_EQ(r.exit_code, 0) << r.out;
-  EXPECT_EQ(names_in(out_), (Names{"ok.pdf", "bad é.pdf", "corrupt.pdf", "hang.pdf"}));
+  EXPECT_EQ(test::names_in(out_), (Names{"ok.pdf", "bad é.pdf", "corrupt.pdf", "hang.pdf"}));
   EXPECT_TRUE(fs::is_empty(env_.tmp()));
 }
 
@@ -163,9 +158,9 @@ TEST_F(tarnassist_test, WithoutDeleteNothingIsTouchedAndRunsAtOnceNeverShareANam
     ASSERT_TRUE(runs.back());
   }
   for (auto& run : runs) EXPECT_EQ(run->wait(), 0);
-  EXPECT_EQ(names_in(env_.home() / "Dokumente" / "Tarn PDF"),
+  EXPECT_EQ(test::names_in(env_.home() / "Dokumente" / "Tarn PDF"),
             (Names{"a.pdf", "a (2).pdf", "a (3).pdf", "a (4).pdf", "a (5).pdf", "a (6).pdf"}));
-  EXPECT_EQ(names_in(env_.tmp()), (Names{"a.docx", "my list.txt"}));
+  EXPECT_EQ(test::names_in(env_.tmp()), (Names{"a.docx", "my list.txt"}));
 }
 
 TEST_F(tarnassist_test, InterruptedRunLeavesNoPartialPdfAndKeepsTheList) {
@@ -186,7 +181,7 @@ TEST_F(tarnassist_test, InterruptedRunLeavesNoPartialPdfAndKeepsTheList) {
             (Lines{"[1/2] a.docx: failed: interrupted",
                    "Interrupted: 0 of 2 converted, 1 failed, 1 not tried, in " + out_.string() +
                        " (T)"}));
-  EXPECT_EQ(names_in(out_), Names{});
+  EXPECT_EQ(test::names_in(out_), Names{});
   EXPECT_EQ(test::read_file(list_), list_bytes);
 }
 

@@ -19,6 +19,7 @@
 #include "convutils/CConvRegKey.h"
 #include "office_client.h"
 #include "office_paths.h"
+#include "support/conversion.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
 
@@ -32,38 +33,14 @@ using test::run_program;
 // Names with blanks, quotes and letters outside ASCII, as users give them.
 const std::string kStem = "Bericht \"Q3\" – Grüße";
 
-std::string system_tool(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
-  for (size_t begin = 0; begin <= dirs.size();) {
-    size_t end = dirs.find(':', begin);
-    if (end == std::string::npos) end = dirs.size();
-    fs::path candidate = fs::path(dirs.substr(begin, end - begin)) / name;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-    begin = end + 1;
-  }
-  ADD_FAILURE() << name << " is missing; scripts/install-deps.sh test installs it";
-  return name;
-}
-
 program_result tarnprint(const fs::path& src, const fs::path& dst) {
   return run_program({test::dist_program("tarnprint"), "/p", src, dst, "/noviewpdf"});
 }
 
-std::string pdf_text(const fs::path& pdf) {
-  return run_program({system_tool("pdftotext"), "-enc", "UTF-8", pdf, "-"}).out;
-}
-
 size_t pdf_images(const fs::path& pdf) {
-  const std::string list = run_program({system_tool("pdfimages"), "-list", pdf}).out;
+  const std::string list = run_program({"/usr/bin/pdfimages", "-list", pdf}).out;
   const auto lines = std::count(list.begin(), list.end(), '\n');
   return lines > 2 ? static_cast<size_t>(lines - 2) : 0;  // two header lines
-}
-
-std::set<std::string> names_in(const fs::path& dir) {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir)) names.insert(entry.path().filename());
-  return names;
 }
 
 office_settings test_settings() {
@@ -210,7 +187,7 @@ void expect_clean_failure(const program_result& r, int exit_code, const std::str
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   EXPECT_NE(r.err.find(culprit), std::string::npos) << r.err;
   EXPECT_NE(r.err.find(reason), std::string::npos) << r.err;
-  EXPECT_TRUE(names_in(out).empty());
+  EXPECT_EQ(test::names_in(out), std::set<std::string>{});
 }
 
 TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
@@ -252,8 +229,8 @@ TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
     const auto r = tarnprint(c.src, dst);
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(run_program({system_tool("qpdf"), "--check", dst}).exit_code, 0);
-    const std::string text = pdf_text(dst);
+    EXPECT_TRUE(test::pdf_is_valid(dst));
+    const std::string text = test::pdf_text(dst);
     for (const auto& word : c.text) {
       EXPECT_NE(text.find(word), std::string::npos) << word << " in\n" << text;
     }
@@ -262,7 +239,7 @@ TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
     }
     written.insert(dst.filename());
   }
-  EXPECT_EQ(names_in(out_), written);  // and no temporary file beside them
+  EXPECT_EQ(test::names_in(out_), written);  // and no temporary file beside them
 }
 
 TEST_F(tarnprint_test, BadSourcesFailCleanly) {
@@ -276,7 +253,7 @@ TEST_F(tarnprint_test, BadSourcesFailCleanly) {
   test::write_file(dir / "noise.docx", noise);
   test::write_file(dir / "broken.pdf", "%PDF-1.4\n1 0 obj <</Type /Catalog\nno end\n");
   test::write_file(dir / "caf\xE9 latin-1.txt", "Text whose name isn't UTF-8\n");
-  ASSERT_EQ(run_program({system_tool("qpdf"), "--encrypt", "user-pw", "owner-pw", "256", "--",
+  ASSERT_EQ(run_program({"/usr/bin/qpdf", "--encrypt", "user-pw", "owner-pw", "256", "--",
                          in("pdf"), dir / "locked.pdf"})
                 .exit_code,
             0);
@@ -316,7 +293,7 @@ TEST_F(tarnprint_test, UnwritableTargetsFailCleanly) {
     const auto r = tarnprint(in("txt"), dst);
     expect_clean_failure(r, 3, "\"" + dst.string() + "\"", reason, out_);
   }
-  EXPECT_TRUE(names_in(locked).empty());
+  EXPECT_EQ(test::names_in(locked), std::set<std::string>{});
 }
 
 TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
@@ -404,7 +381,7 @@ TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
   const auto r = tarnprint(src_, out_ / "4.pdf");
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(started_workers().size(), 3u);
-  EXPECT_EQ(names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf", "3.pdf", "4.pdf"}));
+  EXPECT_EQ(test::names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf", "3.pdf", "4.pdf"}));
 }
 
 TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsAfresh) {

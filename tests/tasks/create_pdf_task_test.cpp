@@ -1,0 +1,262 @@
+#include "tasks/create_pdf_task.h"
+
+#include <unistd.h>
+
+#include <regex>
+
+#include "convutils/CConvRegKey.h"
+#include "support/conversion.h"
+#include "support/test_pdf.h"
+#include "task_fixture.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+using merge_script = scripted_user_questions::merge_sort_script;
+using save_script = scripted_user_questions::how_to_save_script;
+
+struct source {
+  std::string name, extension;
+  // For the stand-in helper "FAIL", "HANG" or other text; "pdf LABEL PAGES", "xps TEXT" or
+  // "oxps TEXT" for a real file; "gone" for a document whose content is lost.
+  std::string content;
+};
+
+struct scenario {
+  const char* what;
+  std::vector<source> documents;  // stored as 1.1, 2.1, ...
+  std::set<std::string> refs;
+  merge_script merge;  // the user on MergeSortDlg; none: OK as it opens
+  save_script save;    // the user on HowToSaveDlg
+  Lines lines;         // the task's own log lines
+  Lines store;         // the store afterwards
+  Lines asked;         // the questions, with their rows or prompt
+  bool fetches = true;
+  bool real_helper = false;
+};
+void PrintTo(const scenario& s, std::ostream* out) { *out << s.what; }
+
+merge_script versions = [](merge_sort_model& d) {
+  d.choose_single();
+  d.set_save_new(false);
+  return true;
+};
+merge_script merge_as_is = [](merge_sort_model& d) {
+  d.choose_merge();
+  return true;
+};
+merge_script merge_unrelated = [](merge_sort_model& d) {
+  d.choose_merge();
+  d.set_save_new_related(false);
+  return true;
+};
+merge_script b_c_a = [](merge_sort_model& d) {
+  d.choose_merge();
+  return d.move_down(0) == 1 && d.move_up(2) == 1;  // a, b, c -> b, a, c -> b, c, a
+};
+save_script save_as(how_to_save_choice choice, bool related) {
+  return [=](how_to_save_model& d) {
+    d.choose(choice);
+    d.set_relate(related);
+    return true;
+  };
+}
+const auto cancel = [](auto&) { return false; };
+const std::string kFail = "ERROR: create_pdf_task::do_work() ";
+
+scenario one_document(const char* what, save_script save, Lines store) {
+  scenario s{what, {{"report", "docx", "text"}}, {"1.1"}, {}, std::move(save)};
+  s.store = std::move(store);
+  s.asked = {
+      "HowToSaveDlg The 'report.docx' has been converted to a PDF file.\n"
+      "How do you want to save the 'report.pdf' ?"};
+  return s;
+}
+const std::string kReport = "1.1 report.docx in report";
+const std::string kPrinted = " report.pdf in report: printed report.docx";
+const std::string kDerived = "2.1 report.pdf in report [source 1]: printed report.docx";
+
+// One row a command: its documents, references, the user's answers, and what it leaves.
+// clang-format off
+const scenario kScenarios[] = {
+    one_document("AsNewDocument", save_as(kHowNewDocument, false), {kReport, "2.1" + kPrinted}),
+    one_document("AsRelatedDocument", save_as(kHowNewDocument, true),
+                 {kReport + " [derived 2]", kDerived}),
+    one_document("AsNewVersion", save_as(kHowNewVersion, true), {kReport, "1.2" + kPrinted}),
+    one_document("SaveCancelled", cancel, {kReport}),
+    {"EachDocumentByItsKind",
+     {{"b", "txt", "b"}, {"x", "xps", "xps Xps"}, {"o", "oxps", "oxps Open"}, {"c", "XPS", ""}},
+     {"1.1", "2.1", "3.1", "4.1"}, versions, {}, {},
+     {"1.1 b.txt in b", "1.2 b.pdf in b: printed b.txt", "2.1 x.xps in x", "2.2 x.pdf in x: Xps",
+      "3.1 o.oxps in o", "3.2 o.pdf in o: Open", "4.1 c.XPS in c", "4.2 c.pdf in c: printed c.XPS"},
+     {"MergeSortDlg b x o c"}},
+    {"FailuresPassOverTheirDocumentOnly",
+     {{"a", "txt", "a"}, {"b", "txt", "FAIL"}, {"c", "txt", "gone"}, {"d", "txt", "HANG"}},
+     {"1.1", "2.1", "3.1", "4.1"}, versions, {},
+     {kFail + "can't download file: \"3.1\"", kFail + "can't convert file: \"2.1\"",
+      kFail + "can't convert file: \"4.1\""},
+     {"1.1 a.txt in a", "1.2 a.pdf in a: printed a.txt", "2.1 b.txt in b", "3.1 c.txt in c",
+      "4.1 d.txt in d"},
+     {"MergeSortDlg a b c d"}},
+    {"MergeJoinsInTheDialogsOrder",
+     {{"a", "pdf", "pdf A 2"}, {"b", "pdf", "pdf B 1"}, {"c", "pdf", "pdf C 1"}},
+     {"1.1", "2.1", "3.1"}, b_c_a, {}, {},
+     {"1.1 a.pdf in a: A.1 A.2", "2.1 b.pdf in b [derived 4]: B.1", "3.1 c.pdf in c: C.1",
+      "4.1 b.pdf in b [source 2]: B.1 C.1 A.1 A.2"},
+     {"MergeSortDlg a b c"}, true, true},
+    {"MergeTakesTheFirstFetchedAsSource",
+     {{"a", "pdf", "pdf A 2"}, {"b", "pdf", "gone"}, {"c", "pdf", "pdf C 1"}},
+     {"1.1", "2.1", "3.1"}, b_c_a, {}, {kFail + "can't download file: \"2.1\""},
+     {"1.1 a.pdf in a: A.1 A.2", "2.1 b.pdf in b", "3.1 c.pdf in c [derived 4]: C.1",
+      "4.1 c.pdf in c [source 3]: C.1 A.1 A.2"},
+     {"MergeSortDlg a b c"}, true, true},
+    {"MergeOfSameNamedFilesKeepsBoth", {{"t", "pdf", "pdf T 1"}, {"t", "pdf", "pdf U 1"}},
+     {"1.1", "2.1"}, merge_unrelated, {}, {},
+     {"1.1 t.pdf in t: T.1", "2.1 t.pdf in t: U.1", "3.1 t.pdf in t: T.1 U.1"},
+     {"MergeSortDlg t t"}, true, true},
+    {"RefusedReferenceStillBringsUpTheMergeDialog", {{"report", "docx", "text"}},
+     {"1.1", "999.1"}, merge_as_is, {}, {}, {kReport + " [derived 2]", kDerived},
+     {"MergeSortDlg report"}},
+    {"MergeCancelledFetchesNothing", {{"a", "txt", "a"}, {"b", "txt", "b"}}, {"1.1", "2.1"},
+     cancel, {}, {}, {"1.1 a.txt in a", "2.1 b.txt in b"}, {"MergeSortDlg a b"}, false},
+    {"OnlyUnknownReferences", {}, {"999.1", "x/../1"}, {}, {}, {kFail + "nothing to do."}, {}, {},
+     false},
+};
+// clang-format on
+
+class create_pdf_task_test : public test::task_fixture {
+ protected:
+  void SetUp() override {
+    task_fixture::SetUp();
+    // A hanging helper is ended after a second.
+    CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
+                "print_helper_timeout", DWORD{0})
+        .write_number(1);
+  }
+  void run(std::set<std::string> doc_refs, const std::string& connection = "c") {
+    create_pdf_task(log_, dms_, std::make_unique<attach_handler>(), questions_, connection, "l",
+                    std::move(doc_refs))
+        .do_work();
+  }
+  void store(const source& doc) {
+    const fs::path file = env_.root() / "sources" / (doc.name + "." + doc.extension);
+    fs::create_directories(file.parent_path());
+    std::smatch kind;
+    if (std::regex_match(doc.content, kind, std::regex("pdf (.) (.)"))) {
+      test::write_test_pdf(file, kind[1], std::stoi(kind[2]));
+    } else if (std::regex_match(doc.content, kind, std::regex("(o?xps) (.*)"))) {
+      test::write_xps(file, {kind[2]}, kind[1] == "oxps");
+    } else {
+      test::write_file(file, doc.content);
+    }
+    const std::string ref = add_document_from(file, doc.name, doc.extension, "in " + doc.name);
+    if (doc.content == "gone") lose_content(ref);
+  }
+  Lines asked() const {
+    Lines lines;
+    for (const auto& q : questions_->asked()) {
+      lines.push_back(q.dialog + " " + q.prompt);
+      for (const auto& row : q.rows) lines.back() += (&row == &q.rows[0] ? "" : " ") + row.name;
+    }
+    return lines;
+  }
+};
+
+class create_pdf_scenario_test : public create_pdf_task_test,
+                                 public ::testing::WithParamInterface<scenario> {};
+
+TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
+  const scenario& s = GetParam();
+  if (s.real_helper) install_helpers(helper::real);
+  for (const auto& doc : s.documents) store(doc);
+  if (s.merge) questions_->then_merge_sort(s.merge);
+  if (s.save) questions_->then_how_to_save(s.save);
+  run(s.refs, "");
+  EXPECT_EQ(log_texts("ERROR:"), s.lines);
+  EXPECT_EQ(store_summary(), s.store);
+  EXPECT_EQ(asked(), s.asked);
+  // A closed item's copy is gone, and so is every PDF.
+  EXPECT_EQ(files_in_temp(), Lines{});
+  EXPECT_EQ(log_texts("DMS_connector_handler::download_file(").empty(), !s.fetches);
+  if (s.store.size() == s.documents.size()) {
+    EXPECT_EQ(log_texts("DMS_connector_handler::save_file_to_DMS("), Lines{});
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(, create_pdf_scenario_test, ::testing::ValuesIn(kScenarios),
+                         [](const auto& info) { return info.param.what; });
+
+// Three documents joined: one store call, with the first's PDF; then each item is closed, the
+// stored one right after the first.
+TEST_F(create_pdf_task_test, MergedCommandStoresOnceAndClosesInOrder) {
+  use_fault_connector();
+  test::fault_connector_probe connector;
+  questions_->then_merge_sort(merge_as_is);
+  run({"d1", "d2", "d3"});
+  std::string calls;
+  for (const char* n : {"1", "2", "3"})
+    calls += std::string("DocGetProperties(c, l, d") + n + ")\n";
+  for (const char* n : {"1", "2", "3"}) {
+    calls += std::string("SelectDocItem(c, l, d") + n + ")\nDocOpen(c, item" + n +
+             ", 2)\nDocGetLocalFile(c, item" + n + ")\n";
+  }
+  EXPECT_EQ(connector.calls(), calls + "SaveDocItem(1, " + (env_.tmp() / "item1.pdf").string() +
+                                   ", c, l, Reports, Bericht \xc3\xbc.pdf, d1, 0)\n"
+                                   "DocClose(c, item1, 0)\nDocClose(c, saved4, 0)\n"
+                                   "DocClose(c, item2, 0)\nDocClose(c, item3, 0)\n");
+  EXPECT_EQ(connector.open_items(), 0);
+  // The connector's own copies stay: it never deletes them.
+  EXPECT_EQ(files_in_temp(), (Lines{"item1.docx", "item2.docx", "item3.docx"}));
+}
+
+TEST_F(create_pdf_task_test, ConnectorFailingMidwayStillHasEveryItemClosed) {
+  use_fault_connector();
+  const std::string pdf = (env_.tmp() / "item1.pdf").string();
+  const struct {
+    const char* fault;
+    std::string calls;  // after DocOpen
+  } cases[] = {
+      {"DocGetLocalFile", "DocGetLocalFile(c, item1)\nDocClose(c, item1, 0)\n"},
+      {"SaveDocItem", "DocGetLocalFile(c, item1)\nSaveDocItem(0, " + pdf +
+                          ", c, l, Reports, Bericht \xc3\xbc.pdf, d1, 0)\nDocClose(c, item1, 0)\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fault);
+    env_.set_env("TARN_FAULT", c.fault);
+    test::fault_connector_probe connector;
+    questions_->then_how_to_save(save_as(kHowNewDocument, false));
+    run({"d1"});
+    EXPECT_EQ(
+        connector.calls(),
+        "DocGetProperties(c, l, d1)\nSelectDocItem(c, l, d1)\nDocOpen(c, item1, 2)\n" + c.calls);
+    EXPECT_EQ(connector.open_items(), 0);
+    EXPECT_EQ(files_in_temp(), Lines{"item1.docx"});
+  }
+}
+
+// A PDF path that is taken goes to the temporary folder under a free name; without a usable
+// temporary folder the document is passed over, and its item closed.
+TEST_F(create_pdf_task_test, TakenPdfPathsAreNeverWrittenOver) {
+  use_fault_connector();
+  test::fault_connector_probe connector;
+  for (const char* name : {"item1.pdf", "item3.pdf"}) test::write_file(env_.tmp() / name, "older");
+  questions_->then_how_to_save(save_as(kHowNewVersion, false));
+  run({"d1"});
+  EXPECT_NE(connector.calls().find("SaveDocItem(2, " + (env_.tmp() / "item1 (2).pdf").string()),
+            std::string::npos);
+
+  ASSERT_EQ(::chown(env_.tmp().c_str(), getuid() + 1, -1), 0);  // no longer the user's own
+  run({"d2"});
+  const Lines lines = log_texts("ERROR:");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(lines[0].starts_with(kFail + "failed for \"d2\": no temporary folder: ")) << lines[0];
+  EXPECT_EQ(connector.open_items(), 0);
+  EXPECT_EQ(files_in_temp(), (Lines{"item1.docx", "item1.pdf", "item3.docx", "item3.pdf"}));
+  EXPECT_EQ(test::read_file(env_.tmp() / "item1.pdf") + test::read_file(env_.tmp() / "item3.pdf"),
+            "olderolder");
+}
+
+}  // namespace
+}  // namespace tarn

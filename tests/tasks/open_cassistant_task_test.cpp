@@ -1,0 +1,134 @@
+#include "tasks/open_cassistant_task.h"
+
+#include <sys/stat.h>
+
+#include "support/run_program.h"
+#include "support/test_pdf.h"
+#include "task_fixture.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+class open_cassistant_task_test : public test::task_fixture {
+ protected:
+  void SetUp() override {
+    task_fixture::SetUp();
+    // The stand-in assistant writes its arguments here; reading waits for it to start.
+    ASSERT_EQ(mkfifo(record_.c_str(), 0600), 0);
+    env_.set_env("TARN_FAKE_RECORD", record_.string());
+  }
+  void run(std::set<std::string> doc_refs, const std::string& connection = "") {
+    open_cassistant_task(log_, dms_, connection, "l", std::move(doc_refs)).do_work();
+  }
+  // The list that the started assistant was given, and its bytes.
+  std::string started_list(fs::path* list) {
+    // The start is over when the task returns; without one, reading the record would wait.
+    const Lines not_started = log_texts("ERROR: open_cassistant_task::do_work() can't start");
+    EXPECT_EQ(not_started, Lines{});
+    if (!not_started.empty()) return "";
+    const std::string args = test::read_file(record_);
+    *list = args.substr(0, args.find('\n'));
+    return test::read_file(*list);
+  }
+
+  const fs::path record_ = env_.root() / "record";
+};
+
+// The rows lead the real assistant to the copies, whatever their names, and a document that
+// couldn't be fetched keeps its place as an empty row.
+TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
+  const fs::path pdf = env_.root() / "source.pdf";
+  test::write_test_pdf(pdf, "P", 1);
+  for (const char* name : {"lost",
+                           "Gr\xc3\xbc\xc3\x9f"
+                           "e",
+                           "\xe6\x97\xa5\xe6\x9c\xac report"})
+    add_document_from(pdf, name, "pdf");
+  lose_content("1.1");
+  run({"3.1", "1.1", "2.1"});
+
+  fs::path list;
+  const std::string tmp = env_.tmp().string();
+  EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"\"\r\n2=\"" + tmp +
+                                     "/Gr\xfc\xdf"
+                                     "e.pdf\"\r\n3=\"" +
+                                     tmp + "/\xe6\x97\xa5\xe6\x9c\xac report.pdf\"\r\n");
+  EXPECT_EQ(list.parent_path(), env_.tmp());
+  EXPECT_TRUE(list.filename().string().starts_with("ss_") && list.extension() == ".txt") << list;
+  EXPECT_EQ(log_texts("ERROR:"),
+            Lines{"ERROR: open_cassistant_task::do_work() can't download file: \"1.1\""});
+
+  const auto assistant = test::run_program({test::dist_program("tarnassist"), list.string()});
+  EXPECT_EQ(assistant.exit_code, 1) << assistant.out << assistant.err;  // row 1 has no file
+  const fs::path out = env_.home() / "Documents" / "Tarn PDF";
+  for (const char* name : {"Gr\xc3\xbc\xc3\x9f"
+                           "e.pdf",
+                           "\xe6\x97\xa5\xe6\x9c\xac report.pdf"})
+    EXPECT_EQ(test::pdf_page_labels(out / name), Lines{"P.1"}) << name;
+  // The assistant deleted the copies and the list; the items' copies went when they closed.
+  EXPECT_EQ(files_in_temp(), Lines{});
+}
+
+TEST_F(open_cassistant_task_test, ListRowsAreLatin1OrTheirOwnBytes) {
+  EXPECT_EQ(assistant_list_text({"/t/caf\xc3\xa9", "", "/t/\xe2\x82\xac", "/t/bad\xff"}),
+            "[FILES]\r\nCount=4\r\nDelete=1\r\n1=\"/t/caf\xe9\"\r\n2=\"\"\r\n"
+            "3=\"/t/\xe2\x82\xac\"\r\n4=\"/t/bad\xff\"\r\n");
+}
+
+// Copies that no assistant will take are deleted again; a copy that fails leaves its row empty.
+TEST_F(open_cassistant_task_test, WhatTheAssistantCantTakeIsTakenBack) {
+  const std::string one = add_document("one", "txt", "1");
+  const std::string two = add_document("two", "txt", "2");
+  test::write_file(env_.tmp() / "one.txt" / "blocker", "");  // a folder where the copy goes
+  run({one, two});
+  fs::path list;
+  EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=2\r\nDelete=1\r\n1=\"\"\r\n2=\"" +
+                                     (env_.tmp() / "two.txt").string() + "\"\r\n");
+  const Lines lines = log_texts("ERROR:");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(lines[0].starts_with(
+      "ERROR: open_cassistant_task::do_work() failed for \"1.1\": filesystem error"))
+      << lines[0];
+  EXPECT_EQ(files_in_temp(), (Lines{"one.txt/blocker", list.filename().string(), "two.txt"}));
+
+  for (const auto& file : {env_.tmp() / "one.txt", list, env_.tmp() / "two.txt"})
+    fs::remove_all(file);
+  fs::remove(install_ / "tarnassist");
+  run({one, two});
+  EXPECT_EQ(log_texts("ERROR:").back(),
+            "ERROR: open_cassistant_task::do_work() can't start the assistant");
+  EXPECT_EQ(files_in_temp(), Lines{});
+}
+
+TEST_F(open_cassistant_task_test, EveryFetchedItemIsClosedBeforeTheNext) {
+  use_fault_connector();
+  const struct {
+    const char* fault;
+    std::string rows;
+  } cases[] = {
+      {"", "1=\"" + (env_.tmp() / "item1.docx").string() + "\"\r\n2=\"" +
+               (env_.tmp() / "item2.docx").string() + "\"\r\n"},
+      {"DocGetLocalFile", "1=\"\"\r\n2=\"\"\r\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fault);
+    env_.set_env("TARN_FAULT", c.fault);
+    test::fault_connector_probe connector;
+    run({"d2", "d1"}, "c");
+    fs::path list;
+    EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=2\r\nDelete=1\r\n" + c.rows);
+    EXPECT_EQ(connector.calls(),
+              "DocGetProperties(c, l, d1)\nDocGetProperties(c, l, d2)\n"
+              "SelectDocItem(c, l, d1)\nDocOpen(c, item1, 2)\nDocGetLocalFile(c, item1)\n"
+              "DocClose(c, item1, 0)\nSelectDocItem(c, l, d2)\nDocOpen(c, item2, 2)\n"
+              "DocGetLocalFile(c, item2)\nDocClose(c, item2, 0)\n");
+    EXPECT_EQ(connector.open_items(), 0);
+    fs::remove(list);
+  }
+}
+
+}  // namespace
+}  // namespace tarn
