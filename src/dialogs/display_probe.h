@@ -35,7 +35,7 @@ class display_probe {
     std::filesystem::path x11_socket_dir = "/tmp/.X11-unix";
     uid_t uid = 0;
   };
-  // getenv, systemctl, /tmp/.X11-unix, getuid().
+  // getenv, systemctl, /tmp/.X11-unix (or $TARN_X11_SOCKET_DIR), getuid().
   static sources system_sources();
 
   explicit display_probe(sources from = system_sources()) : from_(std::move(from)) {}

@@ -28,6 +28,10 @@ class e2e_test : public sandboxed_test {
     env_.set_env("XDG_RUNTIME_DIR", runtime.string());
     env_.set_env("DISPLAY", std::nullopt);
     env_.set_env("WAYLAND_DISPLAY", std::nullopt);
+    // Without this the gateway would take the X server of any test that runs beside it.
+    const auto no_x = env_.root() / "no-x11";
+    std::filesystem::create_directories(no_x);
+    env_.set_env("TARN_X11_SOCKET_DIR", no_x.string());
     env_.set_env("QT_QPA_PLATFORM", std::nullopt);
   }
 
