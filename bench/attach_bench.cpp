@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "bench_timing.h"
+#include "bench_support.h"
 #include "dms/IPdfAttach.h"
 #include "dms/attach_handler.h"
 #include "dms/component_loader.h"
@@ -106,22 +106,9 @@ int main(int argc, char** argv) {
   app.add_option("--component", component, "the pdf_attach.so to load")->check(CLI::ExistingFile);
   CLI11_PARSE(app, argc, argv);
 
-  std::string pattern = (fs::temp_directory_path() / "attach-bench-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) {
-    std::perror(("attach_bench: can't create " + pattern).c_str());
-    return 1;
-  }
-  const fs::path work = pattern;
-  struct remove_work {
-    fs::path path;
-    ~remove_work() {
-      std::error_code ec;
-      fs::remove_all(path, ec);
-    }
-  } cleanup{work};
-
   // A private machine store that registers the component under test.
-  setenv("TARN_MACHINE_REGISTRY", (work / "registry.sqlite").c_str(), 1);
+  bench::sandbox box("attach-bench");
+  const fs::path work = box.root();
   std::string err;
   auto store = registry_store::open(reg_root::local_machine, registry_store::access::write, &err);
   if (!store || !store->set(inproc_server_key(kClsidPdfAttach), "", kRegSz,

@@ -14,10 +14,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -25,6 +23,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -32,6 +31,7 @@
 #include <thrift/protocol/TJSONProtocol.h>
 #include <thrift/transport/THttpClient.h>
 #include <thrift/transport/TSocket.h>
+#include <CLI/CLI.hpp>
 
 #include "TarnGateWay.h"
 
@@ -39,11 +39,13 @@
 #include "platform/unique_fd.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
+#include "bench_support.h"
 
 namespace tarn {
 namespace {
 
 namespace fs = std::filesystem;
+using bench::median;
 using clock_type = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
@@ -61,12 +63,6 @@ struct office_guard {
 
 double ms_between(clock_type::time_point a, clock_type::time_point b) {
   return std::chrono::duration<double, std::milli>(b - a).count();
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n == 0 ? 0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 void write_text(const fs::path& path, const std::string& text) {
@@ -330,31 +326,16 @@ int run(int rounds);
 
 int main(int argc, char** argv) {
   using namespace tarn;
+  CLI::App app{
+      "Times CREATE_PDF of ten mixed office documents, merged, through the real gateway on port\n"
+      "9090 (POST to the last item closed; the question's time on screen left out) against one\n"
+      "soffice --convert-to pdf run for the ten plus one qpdf join, in the same run. Prints\n"
+      "medians after a warm-up round, the ratio, and the median time of each step. Needs Xvfb,\n"
+      "xdotool, soffice and qpdf; port 9090 must be free.",
+      "create_pdf_bench"};
   int rounds = 5;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::cout
-          << "Usage: create_pdf_bench [--rounds N]\n"
-             "Times CREATE_PDF of ten mixed office documents, merged, through the real gateway\n"
-             "on port 9090 (POST to the last item closed; the question's time on screen left\n"
-             "out) against one soffice --convert-to pdf run for the ten plus one qpdf join, in\n"
-             "the same run. Prints medians of N rounds (default 5) after a warm-up round, the\n"
-             "ratio, and the median time of each step. Needs Xvfb, xdotool, soffice and qpdf;\n"
-             "port 9090 must be free. Everything runs in a private sandbox.\n";
-      return 0;
-    }
-    if (arg == "--rounds" && i + 1 < argc) {
-      const char* text = argv[++i];
-      auto [end, ec] = std::from_chars(text, text + std::strlen(text), rounds);
-      if (ec == std::errc() && *end == '\0' && rounds >= 1 && rounds <= 50) continue;
-      std::cerr << "create_pdf_bench: --rounds wants a number from 1 to 50, not \"" << text
-                << "\"\n";
-      return 2;
-    }
-    std::cerr << "create_pdf_bench: unknown argument \"" << arg << "\" (see --help)\n";
-    return 2;
-  }
+  app.add_option("--rounds", rounds, "timed rounds")->check(CLI::Range(1, 50));
+  CLI11_PARSE(app, argc, argv);
   try {
     return run(rounds);
   } catch (const bench_failure& failure) {
@@ -373,25 +354,11 @@ int run(int rounds) {
     if (access(tool, X_OK) != 0)
       fail(std::string(tool) + " is missing; scripts/install-deps.sh test installs it");
 
-  std::string pattern = (fs::temp_directory_path() / "create-pdf-bench-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) fail("can't create " + pattern);
-  const fs::path root = pattern;
+  bench::sandbox box("create-pdf-bench");
+  const fs::path root = box.root();
+  box.keep();  // until the run is through
   std::cerr << "working in " << root << " (kept when the run fails)\n";
-  office_guard office{root / "tmp"};
-  for (const char* dir : {"home", "tmp", "run"}) {
-    fs::create_directories(root / dir);
-    fs::permissions(root / dir, fs::perms::owner_all);
-  }
-  write_text(root / "machine-info", "CHASSIS=desktop\n");
-  setenv("HOME", (root / "home").c_str(), 1);
-  setenv("XDG_CONFIG_HOME", (root / "home/.config").c_str(), 1);
-  setenv("XDG_DATA_HOME", (root / "home/.local/share").c_str(), 1);
-  setenv("XDG_STATE_HOME", (root / "home/.local/state").c_str(), 1);
-  setenv("XDG_CACHE_HOME", (root / "home/.cache").c_str(), 1);
-  setenv("XDG_RUNTIME_DIR", (root / "run").c_str(), 1);
-  setenv("TMPDIR", (root / "tmp").c_str(), 1);
-  setenv("TARN_MACHINE_REGISTRY", (root / "machine.sqlite").c_str(), 1);
-  setenv("TARN_MACHINE_INFO", (root / "machine-info").c_str(), 1);
+  office_guard office{box.tmp()};
   setenv("TARN_TRACE", "85", 1);
   unsetenv("WAYLAND_DISPLAY");
   unsetenv("QT_QPA_PLATFORM");
@@ -440,8 +407,18 @@ int run(int rounds) {
                                       {.stdout_fd = err_fd.get(), .stderr_fd = err_fd.get()});
   if (!gateway) fail("can't start the gateway");
   trace_reader trace(err);
-  if (!trace.wait_for([](const auto& l) { return l.text == "TarnGateWay started."; }, 30s))
-    fail("the gateway didn't start");
+  // The start line comes before the server thread has bound the port.
+  const auto give_up = clock_type::now() + 30s;
+  for (;;) {
+    try {
+      apache::thrift::transport::TSocket probe("localhost", 9090);
+      probe.open();
+      break;
+    } catch (const apache::thrift::transport::TTransportException&) {
+      if (clock_type::now() > give_up || gateway->poll_exit()) fail("the gateway didn't start");
+      std::this_thread::sleep_for(20ms);
+    }
+  }
 
   std::cerr << "warm-up round (starts the office)\n";
   run_command(trace, refs, display, 0);
@@ -475,7 +452,7 @@ int run(int rounds) {
                                  std::to_string(merged));
   if (merged_pages.size() != 1 || *merged_pages.begin() < static_cast<int>(docs.size()))
     fail("the merged PDFs differ in pages or lack documents");
-  for (auto it = fs::recursive_directory_iterator(root / "tmp"); it != fs::recursive_directory_iterator();
+  for (auto it = fs::recursive_directory_iterator(box.tmp()); it != fs::recursive_directory_iterator();
        ++it) {
     if (it.depth() == 0 && it->path().filename() == "tarnoffice") {
       it.disable_recursion_pending();
@@ -506,7 +483,7 @@ int run(int rounds) {
     for (const auto& r : ours) values.push_back(r.phases.at(phase));
     std::printf("  %-50s %10.1f\n", phase.c_str(), median(values));
   }
-  fs::remove_all(root);
+  box.keep(false);  // removed once the office has ended
   return 0;
 }
 

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -16,8 +15,9 @@
 #include <functional>
 #include <string>
 #include <vector>
+#include <CLI/CLI.hpp>
 
-#include "bench_timing.h"
+#include "bench_support.h"
 #include "dms/IDMSHelper.h"
 #include "dms_local/file_copy.h"
 #include "dms_local/local_store.h"
@@ -104,36 +104,20 @@ void print_row(const std::string& name, const std::vector<double>& baseline,
   std::fflush(stdout);
 }
 
-bool parse_flag(int argc, char** argv, int* i, const char* name, int* value) {
-  if (std::strcmp(argv[*i], name) != 0 || *i + 1 >= argc) return false;
-  const char* text = argv[++*i];
-  auto [end, ec] = std::from_chars(text, text + std::strlen(text), *value);
-  if (ec != std::errc() || *end != '\0' || *value < 1) die(std::string("bad value for ") + name);
-  return true;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   settings set;
-  for (int i = 1; i < argc; ++i) {
-    if (parse_flag(argc, argv, &i, "--docs", &set.docs) ||
-        parse_flag(argc, argv, &i, "--size", &set.size) ||
-        parse_flag(argc, argv, &i, "--reps", &set.reps))
-      continue;
-    std::printf("usage: dms_store_bench [--docs N] [--size BYTES] [--reps N]\n");
-    return std::strcmp(argv[i], "--help") == 0 ? 0 : 2;
-  }
+  CLI::App app{"Times the local document store's import, open and save against plain copies.",
+               "dms_store_bench"};
+  app.add_option("--docs", set.docs, "documents")->check(CLI::Range(1, 1000000));
+  app.add_option("--size", set.size, "bytes a document")->check(CLI::Range(1, 1 << 30));
+  app.add_option("--reps", set.reps, "timed repetitions")->check(CLI::Range(1, 1000));
+  CLI11_PARSE(app, argc, argv);
 
   // A private home on the same disk as the usual temporary folder.
-  std::string pattern = (fs::temp_directory_path() / "dms-store-bench-XXXXXX").string();
-  check(mkdtemp(pattern.data()) != nullptr, "mkdtemp failed");
-  const fs::path root = pattern;
-  fs::create_directories(root / "tmp");
-  fs::permissions(root / "tmp", fs::perms::owner_all);
-  setenv("HOME", root.c_str(), 1);
-  setenv("XDG_DATA_HOME", (root / "data").c_str(), 1);
-  setenv("TMPDIR", (root / "tmp").c_str(), 1);
+  tarn::bench::sandbox box("dms-store-bench");
+  const fs::path root = box.root();
 
   std::vector<fs::path> files;
   for (int i = 0; i < set.docs; ++i) {
@@ -210,8 +194,5 @@ int main(int argc, char** argv) {
   print_row("import " + what + " vs cp+fsync+SQLite row", copy_insert_ms, import_ms, set.docs);
   print_row("DocOpen+GetLocalFile+Close vs cp", plain_ms, open_ms, set.docs);
   print_row("SaveDocItem new version vs cp+fsync", save_base_ms, save_ms, set.docs);
-
-  std::error_code ec;
-  fs::remove_all(root, ec);
   return 0;
 }

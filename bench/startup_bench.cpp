@@ -36,7 +36,7 @@
 #include <vector>
 
 #include "TarnGateWay.h"
-#include "bench_timing.h"
+#include "bench_support.h"
 
 extern "C" {
 #include <sys/pidfd.h>  // glibc 2.36's header lacks the extern "C" block
@@ -230,29 +230,6 @@ std::optional<sample> measure_bare_qt(const std::string& program) {
   return result;
 }
 
-// A private HOME, XDG folders and machine store for the programs under test, and a workstation.
-std::filesystem::path make_sandbox() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "tarn-bench-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) return {};
-  const std::filesystem::path root = pattern;
-  for (const char* dir : {"home", "run", "tmp"}) std::filesystem::create_directories(root / dir);
-  std::filesystem::permissions(root / "run", std::filesystem::perms::owner_all);
-  std::filesystem::permissions(root / "tmp", std::filesystem::perms::owner_all);
-  std::ofstream(root / "machine-info") << "CHASSIS=desktop\n";
-  setenv("HOME", (root / "home").c_str(), 1);
-  setenv("XDG_CONFIG_HOME", (root / "home/.config").c_str(), 1);
-  setenv("XDG_DATA_HOME", (root / "home/.local/share").c_str(), 1);
-  setenv("XDG_STATE_HOME", (root / "home/.local/state").c_str(), 1);
-  setenv("XDG_CACHE_HOME", (root / "home/.cache").c_str(), 1);
-  setenv("XDG_RUNTIME_DIR", (root / "run").c_str(), 1);
-  setenv("TMPDIR", (root / "tmp").c_str(), 1);
-  setenv("TARN_MACHINE_REGISTRY", (root / "registry.sqlite").c_str(), 1);
-  setenv("TARN_MACHINE_INFO", (root / "machine-info").c_str(), 1);
-  setenv("QT_QPA_PLATFORM", "offscreen", 1);
-  unsetenv("TARN_TRACE");
-  return root;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -278,12 +255,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "startup_bench: port 9090 is taken; stop whatever listens there\n");
     return 1;
   }
-  const std::filesystem::path sandbox = make_sandbox();
-  if (sandbox.empty()) {
-    std::fprintf(stderr, "startup_bench: can't make a temporary folder: %s\n",
-                 std::strerror(errno));
-    return 1;
-  }
+  tarn::bench::sandbox box("startup-bench");
+  setenv("QT_QPA_PLATFORM", "offscreen", 1);
+  unsetenv("TARN_TRACE");
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   const std::string gateway = std::string(TARN_DIST_DIR) + "/tarngateway";
   const std::string bare_qt = std::filesystem::path(self).parent_path() / "startup_bench_qt";
@@ -310,7 +284,6 @@ int main(int argc, char** argv) {
     qt_hwm.push_back(qt->hwm_mb);
   }
   std::fprintf(stderr, "\r%*s\r", 20, "");
-  std::filesystem::remove_all(sandbox);
   if (stock_ms.empty()) {
     std::fprintf(stderr, "startup_bench: no run completed (%d failed); is %s built?\n", failures,
                  gateway.c_str());

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "bench_timing.h"
+#include "bench_support.h"
 #include "platform/child_process.h"
 #include "platform/self_exe.h"
 #include "support/conversion.h"

@@ -15,7 +15,6 @@
 #include <QImage>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -24,8 +23,9 @@
 #include <sstream>
 #include <string>
 #include <vector>
+#include <CLI/CLI.hpp>
 
-#include "bench_timing.h"
+#include "bench_support.h"
 #include "office_client.h"
 #include "office_paths.h"
 #include "pdf_file.h"
@@ -248,47 +248,21 @@ round_result run_round(const std::vector<fs::path>& docs, const fs::path& root, 
 
 int main(int argc, char** argv) {
   using namespace tarn;
+  CLI::App app{
+      "Times ten documents of mixed kinds to PDF through tarnprint (ten runs from a cold start\n"
+      "of the warm office, ten on the warm office) against ten cold soffice --convert-to runs\n"
+      "and one soffice run for all ten; prints medians, the ratios and peak memory.",
+      "tarnprint_bench"};
   int rounds = 3;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::cout << "Usage: tarnprint_bench [--rounds N]\n"
-                   "Times ten documents of mixed kinds to PDF through tarnprint (ten runs from a\n"
-                   "cold start of the warm office, ten on the warm office) against ten cold\n"
-                   "soffice --convert-to runs and one soffice run for all ten; prints medians of\n"
-                   "N rounds (default 3), the ratios and peak memory.\n";
-      return 0;
-    }
-    if (arg == "--rounds" && i + 1 < argc) {
-      const char* text = argv[++i];
-      auto [end, ec] = std::from_chars(text, text + std::strlen(text), rounds);
-      if (ec == std::errc() && *end == '\0' && rounds >= 1 && rounds <= 50) continue;
-      std::cerr << "tarnprint_bench: --rounds wants a number from 1 to 50, not \"" << text
-                << "\"\n";
-      return 2;
-    }
-    std::cerr << "tarnprint_bench: unknown argument \"" << arg << "\" (see --help)\n";
-    return 2;
-  }
+  app.add_option("--rounds", rounds, "timed rounds")->check(CLI::Range(1, 50));
+  CLI11_PARSE(app, argc, argv);
   if (find_program("soffice").empty()) {
     std::cerr << "tarnprint_bench: soffice is missing; scripts/install-deps.sh installs it\n";
     return 1;
   }
 
-  std::string pattern = (fs::temp_directory_path() / "tarnprint-bench-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) {
-    std::cerr << "tarnprint_bench: can't create " << pattern << ": " << std::strerror(errno)
-              << "\n";
-    return 1;
-  }
-  const fs::path root = pattern;
-  fs::create_directories(root / "home");
-  fs::create_directories(root / "tmp");
-  fs::permissions(root / "tmp", fs::perms::owner_all);
-  ::setenv("HOME", (root / "home").c_str(), 1);
-  ::setenv("XDG_CONFIG_HOME", (root / "home" / ".config").c_str(), 1);
-  ::setenv("TMPDIR", (root / "tmp").c_str(), 1);
-  ::setenv("TARN_MACHINE_REGISTRY", (root / "machine.sqlite").c_str(), 1);
+  bench::sandbox box("tarnprint-bench");
+  const fs::path root = box.root();
   ::unsetenv("XDG_RUNTIME_DIR");
 
   office_settings settings = read_office_settings();
@@ -332,8 +306,5 @@ int main(int argc, char** argv) {
       office_mb);
   std::printf("pages written: tarnprint %zu, soffice %zu (per round)\n", results.front().pages_ours,
               results.front().pages_soffice);
-
-  std::error_code ec;
-  fs::remove_all(root, ec);
   return 0;
 }

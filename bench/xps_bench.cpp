@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "bench_timing.h"
+#include "bench_support.h"
 #include "convutils/DynLoadDll.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
