@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -42,6 +45,18 @@ inline double median_ms(int runs, const std::function<void()>& work) {
   return median(std::move(times));
 }
 
+// For a benchmark that takes no options: --help prints `about`, anything else is refused.
+// The exit code to end with, or nothing to go on.
+inline std::optional<int> no_options(int argc, char** argv, const char* about) {
+  if (argc < 2) return std::nullopt;
+  const bool help = std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0;
+  if (help)
+    std::printf("%s\n", about);
+  else
+    std::fprintf(stderr, "%s: takes no arguments (\"%s\"); see --help\n", argv[0], argv[1]);
+  return help ? 0 : 2;
+}
+
 // A fresh folder below the temporary folder that is HOME, the XDG folders, TMPDIR (0700), the
 // machine store and a desktop machine-info for this process and every program it starts, so
 // that a benchmark never touches the user's own settings, store or warm office. Removed at the
@@ -59,12 +74,15 @@ class sandbox {
     }
     std::ofstream(root_ / "machine-info") << "CHASSIS=desktop\n";
     const auto home = root_ / "home";
-    for (const auto& [name, path] :
-         {std::pair{"HOME", home}, {"XDG_CONFIG_HOME", home / ".config"},
-          {"XDG_DATA_HOME", home / ".local/share"}, {"XDG_STATE_HOME", home / ".local/state"},
-          {"XDG_CACHE_HOME", home / ".cache"}, {"XDG_RUNTIME_DIR", root_ / "run"},
-          {"TMPDIR", root_ / "tmp"}, {"TARN_MACHINE_REGISTRY", root_ / "machine.sqlite"},
-          {"TARN_MACHINE_INFO", root_ / "machine-info"}})
+    for (const auto& [name, path] : {std::pair{"HOME", home},
+                                     {"XDG_CONFIG_HOME", home / ".config"},
+                                     {"XDG_DATA_HOME", home / ".local/share"},
+                                     {"XDG_STATE_HOME", home / ".local/state"},
+                                     {"XDG_CACHE_HOME", home / ".cache"},
+                                     {"XDG_RUNTIME_DIR", root_ / "run"},
+                                     {"TMPDIR", root_ / "tmp"},
+                                     {"TARN_MACHINE_REGISTRY", root_ / "machine.sqlite"},
+                                     {"TARN_MACHINE_INFO", root_ / "machine-info"}})
       setenv(name, path.c_str(), 1);
   }
   ~sandbox() {

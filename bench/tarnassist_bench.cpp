@@ -25,6 +25,12 @@ constexpr int kRuns = 7;
 
 int main(int argc, char** argv) {
   if (int code = 0; tarn::test::play_helper_program(argc, argv, &code)) return code;
+  if (auto code = tarn::bench::no_options(
+          argc, argv,
+          "usage: tarnassist_bench\nConverts a list of documents through tarnassist and through "
+          "direct runs of the same\nprint helper; prints the medians, the ratio and the "
+          "assistant's overhead a file."))
+    return *code;
   tarn::test::scoped_test_env env;
   const fs::path install = env.root() / "inst";
   fs::create_directories(install);

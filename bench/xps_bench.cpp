@@ -19,7 +19,12 @@ constexpr int kRuns = 7;
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (auto code = tarn::bench::no_options(
+          argc, argv,
+          "usage: xps_bench\nConverts a 40-page XPS to PDF through tarnimage.so, in process, and "
+          "with xpstopdf;\nprints the median of each, the ratio and pages/s."))
+    return *code;
   tarn::test::scoped_test_env env;
   std::vector<std::string> pages;
   for (int i = 1; i <= kPages; ++i) pages.push_back("Page " + std::to_string(i) + " of the bench");
