@@ -7,13 +7,11 @@
 namespace tarn {
 namespace {
 
-using test::sandboxed_test;
+class private_temp_test : public test::sandboxed_test {};
 
-class private_temp_test : public sandboxed_test {};
-
-TEST_F(private_temp_test, PrefersTmpdirThenRuntimeDir) {
+// A private folder under TMPDIR, else under XDG_RUNTIME_DIR; never one others can enter.
+TEST_F(private_temp_test, PrefersTmpdirThenRuntimeDirAndRefusesAnOpenFolderOrAFile) {
   EXPECT_EQ(private_temp_dir(), env_.tmp());
-
   env_.set_env("TMPDIR", std::nullopt);
   const auto runtime = env_.root() / "run";
   std::filesystem::create_directories(runtime);
@@ -25,18 +23,10 @@ TEST_F(private_temp_test, PrefersTmpdirThenRuntimeDir) {
   struct stat st;
   ASSERT_EQ(stat(dir->c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
-}
 
-TEST_F(private_temp_test, RefusesAFolderOthersCanEnterOrAFile) {
-  env_.set_env("TMPDIR", std::nullopt);
-  const auto runtime = env_.root() / "run";
-  std::filesystem::create_directories(runtime / "tarn");
   chmod((runtime / "tarn").c_str(), 0755);
-  env_.set_env("XDG_RUNTIME_DIR", runtime.string());
-  std::string err;
   EXPECT_FALSE(private_temp_dir(&err));
   EXPECT_NE(err.find("open to other users"), std::string::npos) << err;
-
   std::filesystem::remove(runtime / "tarn");
   test::write_file(runtime / "tarn", "x");
   EXPECT_FALSE(private_temp_dir(&err));

@@ -21,18 +21,15 @@ class registry_store_test : public sandboxed_test {
   }
 };
 
-TEST_F(registry_store_test, ReadNeverCreatesTheFile) {
+TEST_F(registry_store_test, ReadNeverCreatesTheFileAndTheUserStoreIsPrivate) {
+  const auto file = registry_file(reg_root::current_user);
+  EXPECT_EQ(file, env_.home() / ".config/vantu/registry.sqlite");
   int code = 0;
   EXPECT_FALSE(registry_store::open(reg_root::current_user, registry_store::access::read, nullptr,
                                     &code));
   EXPECT_EQ(code, ENOENT);
-  EXPECT_FALSE(std::filesystem::exists(registry_file(reg_root::current_user)));
-}
-
-TEST_F(registry_store_test, UserStoreIsPrivate) {
+  EXPECT_FALSE(std::filesystem::exists(file));
   open_user(registry_store::access::write);
-  const auto file = registry_file(reg_root::current_user);
-  EXPECT_EQ(file, env_.home() / ".config/vantu/registry.sqlite");
   struct stat st;
   ASSERT_EQ(stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);

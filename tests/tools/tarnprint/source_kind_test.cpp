@@ -35,21 +35,12 @@ TEST(source_kind_test, JudgesByContent) {
       {"gif89", "GIF89a\x10\x00"s, source_kind::image},
       {"tiff little-endian", "II*\x00\x08\x00\x00\x00"s, source_kind::image},
       {"tiff big-endian", "MM\x00*\x00\x00\x00\x08"s, source_kind::image},
-      {"utf-8 text",
-       "Gr\xC3\xBC\xC3\x9F"
-       "e, 42\n",
-       source_kind::text},
+      {"utf-8 text", "Gr\xC3\xBC\xC3\x9F\x65, 42\n", source_kind::text},
       {"utf-8 cut in a sequence", "Gr\xC3\xBC\xC3", source_kind::text},
-      {"latin-1 text",
-       "Gr\xFC\xDF"
-       "e aus K\xF6ln\r\n",
-       source_kind::text},
+      {"latin-1 text", "Gr\xFC\xDF\x65 aus K\xF6ln\r\n", source_kind::text},
       {"utf-16 with bom", "\xFF\xFEH\x00i\x00"s, source_kind::text},
       {"html", "<!DOCTYPE html><html><body>x</body></html>", source_kind::text},
-      {"nul byte",
-       "abc\x00"
-       "def"s,
-       source_kind::unknown},
+      {"nul byte", "abc\x00\x64\x65\x66"s, source_kind::unknown},
       {"control characters", std::string(50, 'a') + "\x01\x02\x03", source_kind::unknown},
       {"random bytes", random_bytes(5000, 7), source_kind::unknown},
       {"short random bytes", random_bytes(40, 11), source_kind::unknown},
@@ -61,9 +52,7 @@ TEST(source_kind_test, JudgesByContent) {
 }
 
 TEST(source_kind_test, Utf8CheckKnowsCutSequencesOnlyWhenAsked) {
-  EXPECT_TRUE(
-      is_utf8("Gr\xC3\xBC\xC3\x9F"
-              "e"));
+  EXPECT_TRUE(is_utf8("Gr\xC3\xBC\xC3\x9F\x65"));
   EXPECT_FALSE(is_utf8("Gr\xC3"));
   EXPECT_TRUE(is_utf8("Gr\xC3", /*allow_cut_end=*/true));
   EXPECT_FALSE(is_utf8("caf\xE9.txt", true));
