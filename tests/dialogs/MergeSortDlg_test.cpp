@@ -164,8 +164,6 @@ TEST_F(MergeSortDlg_test, ShowsAnyNumberOfDocumentsAndLongNamesAtTheSameSize) {
     const char* order;  // its end
   } cases[] = {
       {"none", {}, ""},
-      {"one", test::numbered_docs(1), "1001 "},
-      {"two", test::numbered_docs(2), "1002 1001 "},
       {"long names",
        {test::doc(long_name, "4711"), test::doc("", "4712"), test::doc("Überblick", "4713")},
        "4711 4713 4712 "},
