@@ -4,12 +4,9 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QStandardPaths>
-
 #include "dialog_test_support.h"
 #include "dialogs/resizable_frame.h"
+#include "e2e/x_display.h"
 #include "log/simple_log.h"
 #include "support/run_program.h"
 
@@ -123,78 +120,30 @@ TEST_F(qt_user_questions_test, AChildThatCannotShowTheQuestionLeavesTheRemembere
   close(leaked);
 }
 
-// A private X server standing for a desktop session that began after the gateway.
-class x_display {
- public:
-  x_display() {
-    if (QStandardPaths::findExecutable("xdotool").isEmpty())
-      ADD_FAILURE() << "xdotool is missing (scripts/install-deps.sh test installs it)";
-    // -noreset: a server whose last client left resets and refuses connections meanwhile.
-    server_.start("Xvfb", {"-displayfd", "1", "-noreset", "-nolisten", "tcp"});
-    if (!server_.waitForStarted()) {
-      ADD_FAILURE() << "Xvfb is missing (scripts/install-deps.sh test installs xvfb)";
-      return;
-    }
-    while (!server_.canReadLine() && server_.waitForReadyRead(30000)) {
-    }
-    display_ = ":" + server_.readLine().trimmed().toStdString();
-  }
-  ~x_display() {
-    server_.terminate();
-    server_.waitForFinished();
-  }
-  const std::string& display() const { return display_; }
-  void end_server() { server_.kill(); }
-
-  // The user types `keys` into the window titled `title` once it is up. Without a window
-  // manager nobody hands out the focus, so the user clicks into the window first. The keys
-  // go through XTEST, as real ones do: typed "at" a window they would go as sent events,
-  // which carry no Alt.
-  void answer(const QString& title, const QStringList& keys) {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("DISPLAY", QString::fromStdString(display_));
-    user_.setProcessEnvironment(env);
-    user_.start("sh", QStringList{"-c",
-                                  "xdotool search --sync --onlyvisible --name \"$0\" "
-                                  "windowfocus --sync %1 && xdotool key --delay 200 \"$@\"",
-                                  "^" + title + "$"} +
-                          keys);
-  }
-  void answered() {
-    if (user_.state() != QProcess::NotRunning && !user_.waitForFinished(10000)) {
-      ADD_FAILURE() << "xdotool never found its window";
-      user_.kill();
-      user_.waitForFinished();
-    }
-  }
-
- private:
-  QProcess server_;
-  QProcess user_;
-  std::string display_;
-};
-
+// The display stands for a desktop session that began after the gateway.
 TEST_F(qt_user_questions_test, ADisplayThatAppearedLaterGetsTheQuestionsInAChild) {
-  x_display x;
+  test::x_display x;
+  ASSERT_TRUE(x.started()) << x.why();
   auto asker = questions("offscreen", "DISPLAY=" + x.display() + "\n");
-  QTimer watchdog;  // without its display a child gives up, and so does the test
-  watchdog.setSingleShot(true);
-  QObject::connect(&watchdog, &QTimer::timeout, [&x] { x.end_server(); });
+  QTimer watchdog;  // a question nobody answers would otherwise hold the test for ever
+  QObject::connect(&watchdog, &QTimer::timeout, [&x] {
+    x.close_questions({"Save As", "Merge items to one PDF"});
+  });
   watchdog.start(60000);
 
   // Two windows of one title never follow each other: the first might still be on its way
   // out when the user looks for the second.
   auto documents = test::numbered_docs(3);
-  x.answer("Save As", {"Down", "Return"});
+  test::x_display::answer save(x, "Save As", {"Down", "Return"});
   auto how = asker.ask_how_to_save(*documents[0]);
-  x.answered();
+  EXPECT_TRUE(save.answered());
   ASSERT_TRUE(how);
   EXPECT_EQ(how->chosen_save_mode(), kSaveNewVersion);
   EXPECT_EQ(test::stored("how_to_save"), 1u);
 
-  x.answer("Merge items to one PDF", {"alt+o", "Return"});
+  test::x_display::answer merge_user(x, "Merge items to one PDF", {"alt+o", "Return"});
   auto merge = asker.ask_merge_sort(documents);
-  x.answered();
+  EXPECT_TRUE(merge_user.answered());
   ASSERT_TRUE(merge);
   EXPECT_TRUE(merge->merge_documents_);
   EXPECT_EQ(merge->result, documents);
@@ -202,9 +151,9 @@ TEST_F(qt_user_questions_test, ADisplayThatAppearedLaterGetsTheQuestionsInAChild
   EXPECT_GT(unpack_frame_size(test::stored("merge_dialog_size").value_or(0)).height, 100);
 
   test::store("how_to_save", 2);
-  x.answer("Save As", {"Escape"});
+  test::x_display::answer cancel(x, "Save As", {"Escape"});
   EXPECT_FALSE(asker.ask_how_to_save(*documents[0]));
-  x.answered();
+  EXPECT_TRUE(cancel.answered());
   EXPECT_EQ(test::stored("how_to_save"), 0u) << "Cancel writes back what it showed";
   EXPECT_THAT(log_->render(), ::testing::Not(HasSubstr("Dlg")));
 }

@@ -42,11 +42,8 @@ class open_cassistant_task_test : public test::task_fixture {
 TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
   const fs::path pdf = env_.root() / "source.pdf";
   test::write_test_pdf(pdf, "P", 1);
-  for (const char* name : {"lost",
-                           "Gr\xc3\xbc\xc3\x9f"
-                           "e",
-                           "\xe6\x97\xa5\xe6\x9c\xac report"})
-    add_document_from(pdf, name, "pdf");
+  const std::string names[] = {"lost", "Gr\u00fc\u00dfe", "\u65e5\u672c report"};
+  for (const auto& name : names) add_document_from(pdf, name, "pdf");
   lose_content("1.1");
   run({"3.1", "1.1", "2.1"});
 
@@ -55,7 +52,7 @@ TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
   EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"\"\r\n2=\"" + tmp +
                                      "/Gr\xfc\xdf"
                                      "e.pdf\"\r\n3=\"" +
-                                     tmp + "/\xe6\x97\xa5\xe6\x9c\xac report.pdf\"\r\n");
+                                     tmp + "/" + names[2] + ".pdf\"\r\n");
   EXPECT_EQ(list.parent_path(), env_.tmp());
   EXPECT_TRUE(list.filename().string().starts_with("ss_") && list.extension() == ".txt") << list;
   EXPECT_EQ(log_texts("ERROR:"),
@@ -63,11 +60,10 @@ TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
 
   const auto assistant = test::run_program({test::dist_program("tarnassist"), list.string()});
   EXPECT_EQ(assistant.exit_code, 1) << assistant.out << assistant.err;  // row 1 has no file
-  const fs::path out = env_.home() / "Documents" / "Tarn PDF";
-  for (const char* name : {"Gr\xc3\xbc\xc3\x9f"
-                           "e.pdf",
-                           "\xe6\x97\xa5\xe6\x9c\xac report.pdf"})
-    EXPECT_EQ(test::pdf_page_labels(out / name), Lines{"P.1"}) << name;
+  for (const auto& name : {names[1], names[2]})
+    EXPECT_EQ(test::pdf_page_labels(env_.home() / "Documents/Tarn PDF" / (name + ".pdf")),
+              Lines{"P.1"})
+        << name;
   // The assistant deleted the copies and the list; the items' copies went when they closed.
   EXPECT_EQ(files_in_temp(), Lines{});
 }
