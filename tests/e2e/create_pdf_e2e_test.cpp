@@ -69,7 +69,8 @@ TEST_F(create_pdf_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelat
 
   // The merged PDF takes the name and folder of the first document in the chosen order, and
   // "combine" always saves a new document, related to it since the box is ticked.
-  const auto& [merged_ref, merged] = *added_since(before).begin();
+  const auto added = added_since(before);
+  const auto& [merged_ref, merged] = *added.begin();
   EXPECT_EQ(merged.at("name"), name_of[rows[2]]);
   EXPECT_EQ(merged.at("extension"), "pdf");
   EXPECT_EQ(merged.at("folder"), "Merged");
