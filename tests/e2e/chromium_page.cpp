@@ -2,16 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <string_view>
-
-extern char** environ;
+#include <sys/stat.h>
 
 namespace tarn::test {
 namespace {
@@ -34,51 +25,27 @@ chromium_page::chromium_page(const std::filesystem::path& profile, const std::st
     return;
   }
   std::filesystem::create_directories(profile);
-  int commands[2], answers[2];
-  if (pipe2(commands, O_CLOEXEC) != 0 || pipe2(answers, O_CLOEXEC) != 0) {
-    why_ = "pipe failed";
+  const std::string in = profile.string() + ".in", out = profile.string() + ".out";
+  if (mkfifo(in.c_str(), 0600) != 0 || mkfifo(out.c_str(), 0600) != 0) {
+    why_ = "mkfifo failed";
     return;
   }
-  const std::string log = (profile.parent_path() / "chromium.log").string();
-  const std::vector<std::string> args = {
-      kChromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-      "--disable-background-networking", "--disable-component-update", "--disable-sync",
-      "--user-data-dir=" + profile.string(), "--remote-debugging-pipe", "about:blank"};
-  std::vector<char*> argv;
-  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  // The browser keeps its own temporary files beside its profile, out of the folder the
-  // gateway's temporary files are checked in.
-  const std::string tmpdir = "TMPDIR=" + profile.parent_path().string();
-  std::vector<char*> envp;
-  for (char** var = environ; *var != nullptr; ++var)
-    if (std::string_view(*var).substr(0, 7) != "TMPDIR=") envp.push_back(*var);
-  envp.push_back(const_cast<char*>(tmpdir.c_str()));
-  envp.push_back(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // Only async-signal-safe calls until execve. The pipe ends go above 9 first, so that
-    // placing them on 3 and 4 can't overwrite one with the other.
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
-    const int in = fcntl(commands[0], F_DUPFD, 10);
-    const int out = fcntl(answers[1], F_DUPFD, 10);
-    const int output = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (in < 0 || out < 0 || output < 0 || dup2(in, 3) < 0 || dup2(out, 4) < 0 ||
-        dup2(output, STDOUT_FILENO) < 0 || dup2(output, STDERR_FILENO) < 0)
-      _exit(127);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-  close(commands[0]);
-  close(answers[1]);
-  to_browser_.reset(commands[1]);
-  from_browser_.reset(answers[0]);
-  if (pid < 0) {
-    why_ = "fork failed";
-    return;
-  }
-  pid_ = pid;
+  // Read and write: neither open waits for the browser to open its end.
+  to_browser_.reset(open(in.c_str(), O_RDWR | O_CLOEXEC));
+  from_browser_.reset(open(out.c_str(), O_RDWR | O_CLOEXEC));
+  const unique_fd log(open((profile.string() + ".log").c_str(),
+                           O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  // The pipes go on descriptors 3 and 4. The browser keeps its temporary files beside its
+  // profile, out of the folder the gateway's temporary files are checked in.
+  browser_ = child_process::start(
+      {"/bin/sh", "-c", R"(i=$1 o=$2; shift 2; exec "$@" 3<"$i" 4>"$o")", "sh", in, out,
+       "/usr/bin/setpriv", "--pdeathsig", "KILL", "/usr/bin/env",
+       "TMPDIR=" + profile.parent_path().string(), kChromium, "--headless", "--no-sandbox",
+       "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+       "--disable-component-update", "--disable-sync", "--user-data-dir=" + profile.string(),
+       "--remote-debugging-pipe", "about:blank"},
+      {.stdout_fd = log.get(), .stderr_fd = log.get()}, &why_);
+  if (!browser_) return;
 
   const nlohmann::json target =
       command("Target.createTarget", {{"url", "about:blank"}}, /*to_browser=*/true);
@@ -95,15 +62,9 @@ chromium_page::chromium_page(const std::filesystem::path& profile, const std::st
 }
 
 chromium_page::~chromium_page() {
-  if (pid_ <= 0) return;
-  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+  if (!browser_) return;
   if (why_.empty()) command("Browser.close", nlohmann::json::object(), true);
-  to_browser_.reset();
-  pollfd ended{pidfd, POLLIN, 0};
-  if (pidfd < 0 || poll(&ended, 1, 10000) != 1) kill(pid_, SIGKILL);
-  if (pidfd >= 0) close(pidfd);
-  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  browser_->wait_for(10s);  // what still runs then, the child's destructor kills
 }
 
 nlohmann::json chromium_page::command(const std::string& method, const nlohmann::json& params,

@@ -1,17 +1,17 @@
 // A real headless Chromium with one tab, driven over the DevTools protocol on a pipe
 // (--remote-debugging-pipe: JSON messages ended by NUL on descriptors 3 and 4), so that a test
-// can type into a page and click it as a person would. Only the browser this object started
-// is ever ended.
+// can type into a page and click it as a person would.
 #pragma once
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "platform/child_process.h"
 #include "platform/unique_fd.h"
 
 namespace tarn::test {
@@ -45,7 +45,6 @@ class chromium_page {
   nlohmann::json receive(std::chrono::steady_clock::time_point deadline);
   bool wait_event(const std::string& method, std::chrono::milliseconds deadline);
 
-  pid_t pid_ = -1;
   unique_fd to_browser_;
   unique_fd from_browser_;
   std::string pending_;
@@ -53,6 +52,7 @@ class chromium_page {
   int next_id_ = 1;
   std::vector<nlohmann::json> events_;
   std::string why_;
+  std::unique_ptr<child_process> browser_;  // last: ended first
 };
 
 }  // namespace tarn::test

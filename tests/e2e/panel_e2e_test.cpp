@@ -1,8 +1,9 @@
-// The start page's "Try a command" panel in a real headless Chromium: a person types into its
-// fields and clicks a button, and the command's work lands in the store.
+// The start page in a real headless Chromium: it shows what it asked the gateway, and in its
+// "Try a command" panel a person types and clicks, and the command's work lands in the store.
 #include <gmock/gmock.h>
 
 #include "chromium_page.h"
+#include "support/run_program.h"
 #include "workstation.h"
 
 namespace tarn::test {
@@ -22,9 +23,19 @@ const char* const kSettled = R"((id) => new Promise((resolve) => {
       .observe(status, {attributes: true, childList: true, characterData: true, subtree: true});
 }))";
 
+std::string settled(const std::string& id) { return "(" + std::string(kSettled) + ")('" + id + "')"; }
+
+TEST_F(panel_e2e_test, WithoutAGatewayBehindItThePageSaysSo) {
+  chromium_page page(w_->env().root() / "chromium" / "offline",
+                     "file://" + dist_program("www-data/index.html"));
+  ASSERT_EQ(page.why(), "");
+  const nlohmann::json status = page.evaluate(settled("status"));
+  EXPECT_EQ(status.value("cls", ""), "status error");
+  EXPECT_THAT(status.value("text", ""), HasSubstr("The gateway can't be reached"));
+  EXPECT_EQ(page.evaluate("document.getElementById('version').textContent"), "unknown");
+}
+
 TEST_F(panel_e2e_test, ATypedCommandIsPostedAndItsPdfLandsInTheStore) {
-  ASSERT_TRUE(std::filesystem::exists(chromium_page::kChromium))
-      << chromium_page::kChromium << " is missing; scripts/install-deps.sh test installs it";
   const auto refs = w_->import({w_->make_document("november.docx", "Novemberword"),
                                 w_->make_document("oscar.odt", "Oscarword")});
   ASSERT_EQ(refs.size(), 2u);
@@ -35,8 +46,10 @@ TEST_F(panel_e2e_test, ATypedCommandIsPostedAndItsPdfLandsInTheStore) {
 
   chromium_page page(w_->env().root() / "chromium" / "profile", "http://localhost:9090/");
   ASSERT_EQ(page.why(), "");
-  EXPECT_EQ(page.evaluate("(" + std::string(kSettled) + ")('status')").value("cls", ""),
-            "status ok");
+  EXPECT_EQ(page.evaluate(settled("status")).value("cls", ""), "status ok");
+  EXPECT_EQ(page.evaluate("document.getElementById('version').textContent"),
+            "Vantu Tarn (version 5.0)");
+  EXPECT_EQ(page.evaluate("document.getElementById('logs-link').getAttribute('href')"), "/logs");
 
   ASSERT_TRUE(page.click("try-location"));
   ASSERT_TRUE(page.type(location));
@@ -47,7 +60,7 @@ TEST_F(panel_e2e_test, ATypedCommandIsPostedAndItsPdfLandsInTheStore) {
   x_display::answer user(w_->x(), "Merge items to one PDF", {"alt+o", "Return"});
   const nlohmann::json before = w_->list();
   ASSERT_TRUE(page.click("try-create-pdf"));
-  const nlohmann::json status = page.evaluate("(" + std::string(kSettled) + ")('try-status')");
+  const nlohmann::json status = page.evaluate(settled("try-status"));
   ASSERT_EQ(page.why(), "");
   EXPECT_EQ(status.value("cls", ""), "status ok") << status.dump();
   EXPECT_THAT(status.value("text", ""), HasSubstr("The gateway took CREATE_PDF with 2 references"));

@@ -1,30 +1,21 @@
-// One workstation for the tests of the two commands: a sandbox (HOME, XDG folders, TMPDIR,
-// machine store), a private X display, the install folder registered with `tarnctl setup`, a
-// private document store, and one gateway on port 9090 with the log page on and the
-// diagnostic channel in its standard error. It is made on first use and ended when the test
-// program ends, so that every test shares the gateway and its warm office.
+// One workstation for the tests of the two commands: a sandbox, a private X display, the install
+// folder registered with `tarnctl setup`, a private document store, and one gateway on port
+// 9090 with the log page on. Made on first use and ended when the test program ends, so that
+// every test shares the gateway and its warm office.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "gateway_process.h"
-#include "platform/unique_fd.h"
 #include "support/test_env.h"
 #include "x_display.h"
 
@@ -47,32 +38,25 @@ class workstation {
  public:
   // The one workstation, made on the first call. Check ready() before use.
   static workstation& get();
-  // Stops the gateway and ends what the run left (office, X server); called at program end.
+  // Stops the gateway and ends the office and the X server; called at program end.
   static void end();
-
   ~workstation();
-  workstation(const workstation&) = delete;
-  workstation& operator=(const workstation&) = delete;
 
   bool ready() const { return why_.empty(); }
   const std::string& why() const { return why_; }
-
   const scoped_test_env& env() const { return env_; }
   const x_display& x() const { return *x_; }
   gateway_process& gateway() { return *gateway_; }
 
-  // A small office document whose only text is `text`: .docx, .odt or .txt by `name`.
+  // A small document whose only text is `text`: .docx, else plain text, by `name`.
   std::filesystem::path make_document(const std::string& name, const std::string& text);
   // `tarnctl dms import`; the new references in the order of `files`.
   std::vector<std::string> import(const std::vector<std::filesystem::path>& files,
                                   const std::string& folder = "");
-
-  // `tarnctl dms ...  --json` for the default library; null on failure (and a test failure).
+  // `tarnctl dms ARGS --json`; null on failure (and a test failure).
   nlohmann::json dms(const std::vector<std::string>& args);
-  // The latest version of every document.
   nlohmann::json list() { return dms({"list"}); }
-  // `tarnctl dms export` of `ref` into a fresh folder: the text of the PDF (pdftotext) and its
-  // number of pages.
+  // The text of the PDF of `ref` (pdftotext) and its number of pages.
   struct pdf_facts {
     std::string text;
     int pages = 0;
@@ -83,27 +67,22 @@ class workstation {
   std::string post(const std::string& message);
   std::string send_command(int cmd, const std::vector<std::string>& refs,
                            const std::string& connection = "", const std::string& location = "");
-  // Waits until the task that runs now has ended: a command with nothing to do can only be
-  // taken once the slot is free, and its line then says it ran. Call only when a task is known
-  // to have started (its question came up), else the empty command may find that task still
-  // waiting in the slot and be dropped.
+  // Waits until the task that runs now has ended. Only when a task is known to have started
+  // (its question came up): a task still waiting in the slot would drop the empty command.
   bool after_the_running_task();
-  // The body of GET /logs.
-  std::string logs();
-  // Everything the gateway wrote to its diagnostic channel so far.
+  std::string logs();  // the body of GET /logs
   std::string trace() const { return gateway_->error_output(); }
-  // How often `text` stands in the trace as the end of a line of the log or the channel.
+  // How often `text` ends a line of the diagnostic channel.
   size_t trace_count(const std::string& text) const;
 
   std::filesystem::path temp() const { return env_.tmp(); }
   std::filesystem::path assistant_output() const {
     return env_.home() / "Documents" / "Tarn PDF";
   }
-  // Files below the private temporary folder apart from the warm office's own folder:
-  // documents left open, PDFs not deleted. Empty after every finished task.
+  // Files below the private temporary folder but the warm office's: documents left open, PDFs
+  // not deleted. Empty after every finished task.
   std::vector<std::string> temp_files() const;
-
-  // The remembered answers of the two questions.
+  // The remembered answer of a question.
   void remember(const std::string& value, uint32_t number);
 
  private:
@@ -115,33 +94,6 @@ class workstation {
   std::string why_;
   int seqid_ = 1;
   int made_ = 0;
-};
-
-// The assistant's list files as the gateway writes them into the private temporary folder,
-// caught as they are closed. The assistant deletes a list once it is done with it, so a thread
-// of the catcher opens each one as soon as it is created and keeps it open.
-class list_file_catcher {
- public:
-  explicit list_file_catcher(const std::filesystem::path& folder);
-  ~list_file_catcher();
-  list_file_catcher(const list_file_catcher&) = delete;
-  list_file_catcher& operator=(const list_file_catcher&) = delete;
-
-  // The bytes of the next list the gateway finished writing, or nothing within `deadline`.
-  std::optional<std::string> next(std::chrono::milliseconds deadline = 60s);
-
- private:
-  void watch();
-  void take_events();
-
-  const std::filesystem::path folder_;
-  unique_fd inotify_;
-  unique_fd stop_;  // an eventfd: readable when the thread is to end
-  std::map<std::string, unique_fd> open_;  // the thread's own: name -> held since its creation
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<std::string> closed_;  // guarded by mutex_; contents in the order of closing
-  std::thread thread_;
 };
 
 // The fixture of the command tests: the shared workstation, ready.

@@ -2,38 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstdio>
+#include <cstring>
 
 #include "platform/unique_fd.h"
 
 namespace tarn::test {
-namespace {
 
 constexpr const char* kXvfb = "/usr/bin/Xvfb";
 constexpr const char* kXdotool = "/usr/bin/xdotool";
-
-// One line from `fd` within `deadline`; empty when none came.
-std::string read_line(int fd, std::chrono::milliseconds deadline) {
-  std::string line;
-  const auto end = std::chrono::steady_clock::now() + deadline;
-  while (line.find('\n') == std::string::npos) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    pollfd p{fd, POLLIN, 0};
-    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return "";
-    char buffer[64];
-    const ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n <= 0) return "";
-    line.append(buffer, static_cast<size_t>(n));
-  }
-  return line.substr(0, line.find('\n'));
-}
-
-}  // namespace
 
 x_display::x_display() {
   if (access(kXvfb, X_OK) != 0 || access(kXdotool, X_OK) != 0) {
@@ -46,7 +26,7 @@ x_display::x_display() {
     why_ = "pipe failed";
     return;
   }
-  unique_fd reader(fds[0]);
+  std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
   unique_fd writer(fds[1]);
   // -displayfd: the server picks a free number itself and says which. -noreset: a server whose
   // last client left would reset and refuse connections meanwhile.
@@ -54,14 +34,14 @@ x_display::x_display() {
                                   "-screen", "0", "1280x1024x24"},
                                  {.stdout_fd = writer.get()}, &why_);
   writer.reset();
-  if (!server_) return;
-  const std::string number = read_line(reader.get(), std::chrono::seconds(30));
-  if (number.empty()) {
-    why_ = "Xvfb named no display within 30 s";
+  char number[16] = {};
+  if (!server_ || !fgets(number, sizeof number, reader.get())) {
+    why_ += "; Xvfb named no display";
     server_.reset();
     return;
   }
-  display_ = ":" + number;
+  number[strcspn(number, "\n")] = '\0';
+  display_ = std::string(":") + number;
 }
 
 x_display::~x_display() {

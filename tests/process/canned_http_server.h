@@ -34,8 +34,6 @@ class canned_http_server {
 
   const std::string reply_;
   unique_fd listener_;
-  unique_fd wake_read_;
-  unique_fd wake_write_;
   int port_ = 0;
   mutable std::mutex mu_;
   std::vector<std::string> requests_;  // guarded by mu_
