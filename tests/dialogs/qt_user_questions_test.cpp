@@ -6,7 +6,7 @@
 
 #include "dialog_test_support.h"
 #include "dialogs/resizable_frame.h"
-#include "e2e/x_display.h"
+#include "support/x_display.h"
 #include "log/simple_log.h"
 #include "support/run_program.h"
 

@@ -17,7 +17,7 @@
 
 #include "gateway_process.h"
 #include "support/test_env.h"
-#include "x_display.h"
+#include "support/x_display.h"
 
 namespace tarn::test {
 

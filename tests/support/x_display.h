@@ -1,4 +1,4 @@
-// A private X server (Xvfb) for whole-process tests, and a person at it who answers the
+// A private X server (Xvfb) for tests that show real windows, and a person at it who answers the
 // gateway's questions with xdotool. Both are children of the test: only they are ever ended.
 #pragma once
 
