@@ -310,10 +310,8 @@ class dms_local_connector final : public unknown_impl<IDMSHelper> {
 extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_instance(
     const char* clsid, const char* iid, uint32_t abi_version, void** object) {
   using namespace tarn;
-  if (object == nullptr) return E_POINTER;
-  *object = nullptr;
-  if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
-  if (!same_id(clsid, kClsidDmsConnector)) return CLASS_E_CLASSNOTAVAILABLE;
-  return guarded("tarn_create_instance",
-                 [&] { return make_instance<dms_local_connector>(iid, object); });
+  return guarded("tarn_create_instance", [&] {
+    return create_component<dms_local_connector>(kClsidDmsConnector, clsid, iid, abi_version,
+                                                 object);
+  });
 }

@@ -132,12 +132,8 @@ class pdf_attach final : public unknown_impl<IPdfAttach> {
 extern "C" __attribute__((visibility("default"))) tarn::HRESULT tarn_create_instance(
     const char* clsid, const char* iid, uint32_t abi_version, void** object) {
   using namespace tarn;
-  if (object == nullptr) return E_POINTER;
-  *object = nullptr;
-  if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
-  if (!same_id(clsid, kClsidPdfAttach)) return CLASS_E_CLASSNOTAVAILABLE;
   try {
-    return make_instance<pdf_attach>(iid, object);
+    return create_component<pdf_attach>(kClsidPdfAttach, clsid, iid, abi_version, object);
   } catch (...) {
     return E_OUTOFMEMORY;
   }

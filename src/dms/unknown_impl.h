@@ -54,4 +54,17 @@ HRESULT make_instance(const char* iid, void** object) {
   return hr;
 }
 
+// The body of a component library's tarn_create_instance for its one class T, whose class id
+// is `own_clsid`: the checks of the arguments and of the interface version, then
+// make_instance(). Exceptions pass to the entry point.
+template <class T>
+HRESULT create_component(guid_text_t own_clsid, const char* clsid, const char* iid,
+                         uint32_t abi_version, void** object) {
+  if (object == nullptr) return E_POINTER;
+  *object = nullptr;
+  if (abi_version != kComponentAbiVersion) return kErrorAbiMismatch;
+  if (!same_id(clsid, own_clsid)) return CLASS_E_CLASSNOTAVAILABLE;
+  return make_instance<T>(iid, object);
+}
+
 }  // namespace tarn
