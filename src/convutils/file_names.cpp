@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <random>
 
 #include "convutils/CConvRegKey.h"
+#include "platform/ascii_text.h"
 #include "platform/private_temp.h"
 #include "platform/unique_fd.h"
 
@@ -30,8 +30,7 @@ std::string extension_for(const std::string& name) {
   const auto dot = name.rfind('.');
   if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
   std::string ext = name.substr(dot);
-  std::string lower = ext;
-  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::string lower = ascii_lower(ext);
   return lower == ".xps" || lower == ".oxps" || lower == ".pdf" ? ext : ".pdf";
 }
 

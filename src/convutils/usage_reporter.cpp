@@ -9,6 +9,7 @@
 
 #include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
+#include "platform/ascii_text.h"
 #include "platform/process_launch.h"
 
 namespace tarn {
@@ -19,13 +20,6 @@ constexpr qsizetype kMaxCommandLine = 1040;
 constexpr DWORD kNotFound = 0xFFFFFFFF;
 constexpr int kBelowNormal = 10;
 constexpr size_t kMaxBuildWord = 259;
-
-std::string_view trim(std::string_view text) {
-  constexpr std::string_view kBlank = " \t\r\n\v\f";
-  const auto first = text.find_first_not_of(kBlank);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
-}
 
 // The machine's value wins over the user's; -1 and a value that can't be read as a number
 // count as missing.

@@ -17,6 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/ascii_text.h"
 #include "web/web_content.h"
 
 namespace tarn {
@@ -111,10 +112,7 @@ request_reader& reader_of(const std::shared_ptr<TTransport>& transport) {
 // A Content-Length value: digits only, with blanks or tabs around them, at most `limit`.
 uint32_t parse_content_length(const char* value, uint32_t limit) {
   std::string_view text(value);
-  const size_t first = text.find_first_not_of(" \t");
-  const size_t last = text.find_last_not_of(" \t");
-  const std::string_view digits =
-      first == std::string_view::npos ? std::string_view() : text.substr(first, last - first + 1);
+  const std::string_view digits = trim(text, " \t");
   uint64_t length = 0;
   auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), length);
   if (digits.empty() || ec != std::errc() || end != digits.data() + digits.size()) {

@@ -6,11 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/ascii_text.h"
 #include "platform/child_process.h"
 #include "platform/unique_fd.h"
 #include "platform/user_dirs.h"
@@ -24,11 +24,6 @@ using std::chrono::milliseconds;
 constexpr size_t kMaxCollected = 64 * 1024;
 constexpr std::chrono::seconds kTerminateGrace(10);
 constexpr int kMaxNameTries = 1000;
-
-std::string lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 std::string first_line(const std::string& text) {
   std::string line = text.substr(0, text.find('\n'));
@@ -181,7 +176,7 @@ conversion assistant::convert(const std::string& source) {
   const fs::path part = out_dir_ / ("." + output->filename().string());
   ::unlink(part.c_str());
 
-  const std::string ext = lower(src.extension().string());
+  const std::string ext = ascii_lower(src.extension().string());
   result = ext == ".xps" || ext == ".oxps" ? convert_xps(source, part) : print(source, part);
   struct stat made;
   if (result.ok && (::stat(part.c_str(), &made) != 0 || made.st_size == 0)) {

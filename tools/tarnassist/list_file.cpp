@@ -1,29 +1,16 @@
 #include "list_file.h"
 
-#include <cctype>
 #include <charconv>
 #include <map>
+
+#include "platform/ascii_text.h"
 
 namespace tarn {
 namespace {
 
 constexpr int kMaxCount = 100000;
 
-std::string_view trim(std::string_view text) {
-  constexpr std::string_view kBlank = " \t\r";
-  const auto first = text.find_first_not_of(kBlank);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
-}
-
-bool iequals(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
-}
+constexpr std::string_view kBlank = " \t\r";
 
 bool parse_number(std::string_view text, int* value) {
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), *value);
@@ -53,13 +40,13 @@ bool parse_list(const std::string& bytes, assist_list* list, std::string* err) {
   for (size_t start = 0; start < bytes.size();) {
     size_t end = bytes.find('\n', start);
     if (end == std::string::npos) end = bytes.size();
-    std::string_view line = trim(std::string_view(bytes).substr(start, end - start));
+    std::string_view line = trim(std::string_view(bytes).substr(start, end - start), kBlank);
     start = end + 1;
     ++line_no;
     if (line.empty()) continue;
     const std::string where = "line " + std::to_string(line_no);
     if (line.front() == '[') {
-      in_files = iequals(line, "[FILES]");
+      in_files = ascii_iequals(line, "[FILES]");
       seen_files = seen_files || in_files;
       continue;
     }
@@ -69,16 +56,16 @@ bool parse_list(const std::string& bytes, assist_list* list, std::string* err) {
       *err = where + ": expected KEY=VALUE, got \"" + std::string(line) + "\"";
       return false;
     }
-    const std::string_view key = trim(line.substr(0, eq));
-    std::string_view value = trim(line.substr(eq + 1));
+    const std::string_view key = trim(line.substr(0, eq), kBlank);
+    std::string_view value = trim(line.substr(eq + 1), kBlank);
     int number = 0;
-    if (iequals(key, "Count")) {
+    if (ascii_iequals(key, "Count")) {
       if (!parse_number(value, &count) || count < 0 || count > kMaxCount) {
         *err = where + ": Count must be a number from 0 to " + std::to_string(kMaxCount) +
                ", got \"" + std::string(value) + "\"";
         return false;
       }
-    } else if (iequals(key, "Delete")) {
+    } else if (ascii_iequals(key, "Delete")) {
       list->delete_copies = value == "1";
     } else if (parse_number(key, &number) && number >= 1) {
       // The path runs from the first quote to the last: a name may hold quotes itself.

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/ascii_text.h"
 #include "platform/registry_store.h"
 #include "tarnctl_commands.h"
 
@@ -346,9 +347,7 @@ std::vector<std::string> translate_reg_switches(int argc, char** argv) {
   if (args.empty() || args[0] != "reg") return args;
   std::vector<std::string> out;
   for (size_t i = 0; i < args.size(); ++i) {
-    std::string lower = args[i];
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string lower = ascii_lower(args[i]);
     auto known = kSwitches.find(lower);
     if (lower == "/?") {
       out.push_back("--help");

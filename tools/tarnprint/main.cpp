@@ -3,11 +3,11 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <cctype>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "platform/ascii_text.h"
 #include "print_job.h"
 
 namespace {
@@ -32,12 +32,6 @@ constexpr const char* kHelp =
     "line; 3 the target can't be written; 4 the conversion took longer than the time-out;\n"
     "5 the office could not be started or ended during the conversion.\n";
 
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 void on_signal(int sig) {
   tarn::remove_print_temp_file();
   ::signal(sig, SIG_DFL);
@@ -57,7 +51,7 @@ int main(int argc, char** argv) {
   bool print = false;
   std::vector<std::string> paths;
   for (int i = 1; i < argc; ++i) {
-    const std::string arg = lower(argv[i]);
+    const std::string arg = tarn::ascii_lower(argv[i]);
     if (arg == "--help" || arg == "-h" || arg == "/?") {
       std::cout << kHelp;
       return tarn::kPrintOk;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
+
+#include "platform/ascii_text.h"
 
 namespace tarn {
 namespace {
@@ -75,10 +76,7 @@ source_kind sniff_source(std::string_view head) {
 }
 
 std::optional<csv_layout> csv_layout_of(const std::filesystem::path& name, std::string_view head) {
-  std::string ext = name.extension().string();
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (ext != ".csv") return std::nullopt;
+  if (ascii_lower(name.extension().string()) != ".csv") return std::nullopt;
 
   csv_layout layout;
   if (has_utf16_bom(head)) {
