@@ -38,6 +38,14 @@ Sub CsvToPdf(src As String, dst As String, separator As String, charset As Strin
 failed:
   If Not IsNull(doc) Then doc.close(True)
 End Sub
+Sub UseSystemLocale()
+  Dim args(0) As New com.sun.star.beans.PropertyValue
+  args(0).Name = &quot;nodepath&quot; : args(0).Value = &quot;/org.openoffice.Setup/L10N&quot;
+  provider = createUnoService(&quot;com.sun.star.configuration.ConfigurationProvider&quot;)
+  settings = provider.createInstanceWithArguments(&quot;com.sun.star.configuration.ConfigurationUpdateAccess&quot;, args())
+  settings.ooSetupSystemLocale = &quot;&quot;
+  settings.commitChanges()
+End Sub
 </script:module>
 )";
 
@@ -140,7 +148,18 @@ bool lok_office::start(const fs::path& program_dir, const fs::path& profile, std
   }
   // Written after the start, which fills a new profile from the office's presets; Basic reads
   // its libraries only when a macro first runs.
-  return install_macros(profile, err);
+  return install_macros(profile, err) && use_system_locale(err);
+}
+
+bool lok_office::use_system_locale(std::string* err) {
+  // LibreOfficeKit pins the locale to en-US at start, and with it US Letter paper for every
+  // document that names no page size of its own (text, CSV, most spreadsheets), where soffice
+  // follows the system's locale and paper. The macro hands the choice back to the system.
+  if (!office_->runMacro("macro:///Standard.TarnPrint.UseSystemLocale()")) {
+    *err = "can't hand the office's locale back to the system: " + last_error();
+    return false;
+  }
+  return true;
 }
 
 bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::string& format,

@@ -39,6 +39,7 @@ class lok_office {
  private:
   bool convert_csv(const std::filesystem::path& src, const std::filesystem::path& dst,
                    const csv_layout& csv, std::string* err);
+  bool use_system_locale(std::string* err);
   std::string last_error();
 
   lok::Office* office_ = nullptr;  // lives until the process ends; see above
