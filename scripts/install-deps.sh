@@ -16,7 +16,7 @@ test_packages=(
   poppler-utils xvfb xauth xdotool chromium
   clang libclang-rt-14-dev
   systemd desktop-file-utils
-  fonts-dejavu-core libarchive-dev libgxps-utils
+  fonts-dejavu-core libarchive-dev libgxps-utils distro-info-data
   qt6-image-formats-plugins libgif-dev
 )
 
