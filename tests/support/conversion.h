@@ -21,7 +21,7 @@ void write_zip(const std::filesystem::path& file,
 bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
 std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
 
-// Ends the warm office that the real tarnprint started under the private temporary folder
+// Ends the warm offices that the real tarnprint started under the private temporary folder
 // `tmp`, and waits until it is gone.
 void end_office_worker(const std::filesystem::path& tmp);
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/ascii_text.h"
+#include "office_client.h"
 #include "print_job.h"
 
 namespace {
@@ -16,14 +17,18 @@ constexpr const char* kHelp =
     "tarnprint: print a document to a PDF file.\n"
     "\n"
     "Usage: tarnprint /p SOURCE TARGET [/noviewpdf]\n"
+    "       tarnprint /warm   start the offices now, so that the next documents find them loaded\n"
     "\n"
     "SOURCE may be a PDF (rewritten through qpdf), an office document (doc, docx, odt, rtf, txt,\n"
     "html, xls, xlsx, ods, csv, ppt, pptx, odp) or an image (png, jpg, gif, tiff), which go\n"
     "through LibreOffice. The kind is judged by the file's content, not its name. TARGET is\n"
     "written only when the whole PDF is good.\n"
     "\n"
-    "Documents go to a LibreOffice kept running for this user (tarnoffice), started on first\n"
-    "use. Settings, DWORD values under HKCU (else HKLM) Software\\Vantu\\PDF\\V1\\TarnPrint:\n"
+    "Documents go to a pool of LibreOffices kept running for this user (tarnoffice), started\n"
+    "on first use; runs at the same time convert on different offices. Settings, DWORD values\n"
+    "under HKCU (else HKLM) Software\\Vantu\\PDF\\V1\\TarnPrint:\n"
+    "  OfficePoolSize         offices at most (1 to 4, default one per core; fewer when memory\n"
+    "                         is short)\n"
     "  ConvertTimeoutSeconds  time one document may take (default 120)\n"
     "  OfficeMaxConversions   documents before the office is restarted (default 50)\n"
     "  OfficeIdleSeconds      idle time before the office exits (default 600)\n"
@@ -55,6 +60,12 @@ int main(int argc, char** argv) {
     if (arg == "--help" || arg == "-h" || arg == "/?") {
       std::cout << kHelp;
       return tarn::kPrintOk;
+    }
+    if (arg == "/warm") {
+      std::string err;
+      if (tarn::warm_offices(tarn::read_office_settings(), &err)) return tarn::kPrintOk;
+      std::cerr << "tarnprint: can't start the offices: " << err << "\n";
+      return tarn::kPrintOfficeFailed;
     }
     if (arg == "/p") {
       print = true;

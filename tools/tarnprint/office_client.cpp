@@ -14,7 +14,9 @@
 #include <cstring>
 #include <vector>
 
+#include "convutils/ConvUtils.h"
 #include "office_paths.h"
+#include "office_pool.h"
 #include "office_protocol.h"
 #include "platform/unique_fd.h"
 
@@ -172,10 +174,24 @@ std::string seconds_text(std::chrono::seconds s) {
 
 }  // namespace
 
+bool warm_offices(const office_settings& settings, std::string* err) {
+  auto runtime = office_runtime(err);
+  if (!runtime) return false;
+  const unsigned size = usable_pool_size(*runtime, settings);
+  for (unsigned k = 0; k < size; ++k) {
+    auto paths = slot_paths(*runtime, k, err);
+    if (!paths || !connect_or_start(*paths, settings, err)) return false;
+  }
+  return true;
+}
+
 office_outcome convert_with_office(const office_job& job, const office_settings& settings) {
   std::string err;
-  auto paths = office_runtime(&err);
-  if (!paths) return {office_status::unavailable, err};
+  auto runtime = office_runtime(&err);
+  if (!runtime) return {office_status::unavailable, err};
+  auto slot = take_office_slot(*runtime, settings, &err);
+  if (!slot) return {office_status::unavailable, err};
+  const office_paths* paths = &slot->paths;
 
   nlohmann::json request = {{"op", "convert"},
                             {"src", job.src.string()},
@@ -233,16 +249,22 @@ office_outcome convert_with_office(const office_job& job, const office_settings&
 }
 
 bool stop_office(std::chrono::milliseconds wait, std::string* err) {
-  auto paths = office_runtime(err);
-  if (!paths) return false;
-  auto link = connect_worker(*paths);
-  if (!link) return true;
-  send_message(link->socket.get(), {{"op", "quit"}});
-  if (wait_for_exit(link->pidfd.get(), wait)) return true;
-  kill_worker(*link);
-  if (wait_for_exit(link->pidfd.get(), std::chrono::milliseconds(0))) return true;
-  *err = "the office worker did not end";
-  return false;
+  auto runtime = office_runtime(err);
+  if (!runtime) return false;
+  bool all_ended = true;
+  for (unsigned k = 0; k < kMaxOfficePool; ++k) {
+    auto paths = slot_paths(*runtime, k, err);
+    if (!paths) return false;
+    auto link = connect_worker(*paths);
+    if (!link) continue;
+    send_message(link->socket.get(), {{"op", "quit"}});
+    if (wait_for_exit(link->pidfd.get(), wait)) continue;
+    kill_worker(*link);
+    if (wait_for_exit(link->pidfd.get(), std::chrono::milliseconds(0))) continue;
+    *err = "the office worker of " + paths->dir.string() + " did not end";
+    all_ended = false;
+  }
+  return all_ended;
 }
 
 }  // namespace tarn

@@ -41,6 +41,10 @@ struct office_outcome {
 // fresh one. A worker that goes away before taking the document up is replaced once.
 office_outcome convert_with_office(const office_job& job, const office_settings& settings);
 
+// Starts the offices of the pool that aren't running (as many as memory allows) and returns
+// once each listens, before it has loaded. False with *err when one can't be started.
+bool warm_offices(const office_settings& settings, std::string* err);
+
 // Ends the user's worker if one listens: asks it to quit, and kills it when it hasn't gone
 // within `wait`. False with *err when it is still there.
 bool stop_office(std::chrono::milliseconds wait, std::string* err);

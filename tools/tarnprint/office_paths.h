@@ -20,6 +20,8 @@ struct office_paths {
   std::filesystem::path socket() const { return dir / "office.sock"; }
   // Held by a tarnprint while it checks for a worker and starts one.
   std::filesystem::path start_lock() const { return dir / "start.lock"; }
+  // Held by a tarnprint while this office converts its document.
+  std::filesystem::path busy_lock() const { return dir / "busy.lock"; }
   // Held by a worker for its whole life, so that a new one waits until the old one is gone.
   std::filesystem::path life_lock() const { return dir / "office.lock"; }
   std::filesystem::path pid_file() const { return dir / "office.pid"; }

@@ -1,6 +1,7 @@
 #include "office_settings.h"
 
 #include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
 #include "platform/self_exe.h"
 
 namespace tarn {
@@ -26,6 +27,7 @@ office_settings read_office_settings() {
       read_setting("OfficeMaxConversions", settings.max_conversions, 1, 100000);
   settings.idle =
       std::chrono::seconds(read_setting("OfficeIdleSeconds", settings.idle.count(), 0, 86400));
+  settings.pool_size = print_helper_parallelism();
   settings.worker_program = self_exe_dir() + "tarnoffice";
   return settings;
 }

@@ -18,6 +18,9 @@ struct office_settings {
   unsigned max_conversions = 50;
   // OfficeIdleSeconds (0..86400): a worker with nothing to do exits after this long.
   std::chrono::seconds idle{600};
+  // OfficePoolSize (1..4): how many offices may convert at once; by default one per core
+  // (print_helper_parallelism()).
+  unsigned pool_size = 1;
   // The worker program: tarnoffice beside the running program.
   std::filesystem::path worker_program;
 };

@@ -15,6 +15,7 @@
 #include <future>
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "convutils/CConvRegKey.h"
 #include "office_client.h"
@@ -56,10 +57,10 @@ fs::path runtime_dir() {
   return paths ? paths->dir : fs::path();
 }
 
-// Pids of the workers started in this sandbox, in order, from their log.
-std::vector<pid_t> started_workers() {
+// Pids of the workers of pool slot `slot` started in this sandbox, in order, from their log.
+std::vector<pid_t> started_workers(const std::string& slot = "") {
   std::vector<pid_t> pids;
-  const std::string log = test::read_file(runtime_dir() / "office.log");
+  const std::string log = test::read_file(runtime_dir() / slot / "office.log");
   static const std::regex kStart(R"(tarnoffice (\d+): starting)");
   for (std::sregex_iterator it(log.begin(), log.end(), kStart), end; it != end; ++it)
     pids.push_back(std::stoi((*it)[1]));
@@ -242,6 +243,49 @@ TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
   EXPECT_EQ(test::names_in(out_), written);  // and no temporary file beside them
 }
 
+// What a reader compares between two PDFs of one document: pages, page size and words.
+struct pdf_layout {
+  std::string pages;  // pdfinfo's "Pages:" and "Page size:" lines
+  std::multiset<std::string> words;
+  bool operator==(const pdf_layout&) const = default;
+};
+
+pdf_layout layout_of(const fs::path& pdf) {
+  pdf_layout layout;
+  std::istringstream info(run_program({"/usr/bin/pdfinfo", pdf}).out);
+  for (std::string line; std::getline(info, line);)
+    if (line.starts_with("Pages:") || line.starts_with("Page size:")) layout.pages += line + "\n";
+  std::istringstream text(test::pdf_text(pdf));
+  for (std::string word; text >> word;) layout.words.insert(word);
+  return layout;
+}
+
+// Each format of the benchmarks' documents makes the PDF that soffice makes of it.
+TEST_F(tarnprint_test, PdfMatchesSofficeForEachFormat) {
+  const auto made = run_program(
+      {std::string(TARN_SOURCE_DIR) + "/bench/office_corpus.sh", "--bench-set", out_ / "docs"}, "",
+      std::chrono::minutes(5));
+  ASSERT_EQ(made.exit_code, 0) << made.err;
+  std::vector<std::string> docs;
+  std::istringstream lines(made.out);
+  for (std::string line; std::getline(lines, line);) docs.push_back(line);
+  ASSERT_EQ(docs.size(), 10u);
+  std::vector<std::string> soffice = {"/usr/bin/soffice",
+                                      "-env:UserInstallation=" + file_url(out_ / "profile"),
+                                      "--headless", "--norestore", "--convert-to", "pdf",
+                                      "--outdir", out_ / "soffice"};
+  soffice.insert(soffice.end(), docs.begin(), docs.end());
+  ASSERT_EQ(run_program(soffice, "", std::chrono::minutes(5)).exit_code, 0);
+  for (const fs::path doc : docs) {
+    SCOPED_TRACE(doc.filename().string());
+    const fs::path ours = out_ / (doc.stem().string() + ".pdf");
+    ASSERT_EQ(tarnprint(doc, ours).exit_code, 0);
+    const pdf_layout theirs = layout_of(out_ / "soffice" / ours.filename());
+    ASSERT_FALSE(theirs.words.empty());
+    EXPECT_EQ(layout_of(ours), theirs);
+  }
+}
+
 TEST_F(tarnprint_test, BadSourcesFailCleanly) {
   const fs::path dir = out_.parent_path() / "bad sources";
   fs::create_directories(dir);
@@ -357,6 +401,7 @@ class office_lifecycle_test : public test::sandboxed_test {
 
 TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
   set_print_setting("OfficeMaxConversions", 2);
+  set_print_setting("OfficePoolSize", 1);
   // A temporary folder whose socket path doesn't fit a socket address.
   const fs::path deep = env_.tmp() / std::string(60, 'd') / std::string(60, 'e');
   fs::create_directories(deep);
@@ -382,6 +427,25 @@ TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(started_workers().size(), 3u);
   EXPECT_EQ(test::names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf", "3.pdf", "4.pdf"}));
+}
+
+// Runs at the same time convert on offices of their own; warming finds them running; an idle
+// pool ends entirely.
+TEST_F(office_lifecycle_test, PoolSpreadsRunsAtOnceAndEndsWhenIdle) {
+  set_print_setting("OfficePoolSize", 2);
+  set_print_setting("OfficeIdleSeconds", 3);
+  auto first = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "1.pdf"); });
+  auto second = std::async(std::launch::async, [&] { return tarnprint(src_, out_ / "2.pdf"); });
+  EXPECT_EQ(first.get().exit_code, 0);
+  EXPECT_EQ(second.get().exit_code, 0);
+  EXPECT_EQ(run_program({test::dist_program("tarnprint"), "/warm"}).exit_code, 0);
+  for (const std::string slot : {"", "office-1"}) {
+    SCOPED_TRACE(slot);
+    const auto pids = started_workers(slot);
+    ASSERT_EQ(pids.size(), 1u);
+    EXPECT_TRUE(ended(pids[0])) << "an idle office exits";
+  }
+  EXPECT_EQ(test::names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf"}));
 }
 
 TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsAfresh) {
