@@ -1,7 +1,8 @@
 // Ten documents of mixed kinds to PDF: ten tarnprint runs (once starting the warm office, once
 // on the warm office) against ten cold `soffice --headless --convert-to pdf` runs and one soffice
 // run converting all ten, all in this run, on the same inputs, each with a private profile; plus
-// the peak memory of the warm office (VmHWM) and of soffice. Prints the median of each over the
+// the peak memory of the warm office (VmHWM) and of soffice; and ten in one tarnassist list on a
+// cold office pool, with the pool's memory per office and in total. Prints the median of each over the
 // rounds and the ratios. Runs in a private sandbox (HOME, TMPDIR, registry), removed at the end.
 //
 //   build/bench/tarnprint_bench [--rounds N]
@@ -167,19 +168,6 @@ std::vector<fs::path> make_inputs(const fs::path& dir, const office_settings& se
   return docs;
 }
 
-long worker_vmhwm_kb() {
-  std::string err;
-  auto paths = office_runtime(&err);
-  if (!paths) return 0;
-  std::ifstream pid_file(paths->pid_file());
-  std::string pid;
-  pid_file >> pid;
-  std::ifstream status("/proc/" + pid + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind("VmHWM:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-  return 0;
-}
-
 size_t pages_in(const fs::path& dir) {
   size_t pages = 0;
   for (const auto& entry : fs::directory_iterator(dir)) {
@@ -189,10 +177,62 @@ size_t pages_in(const fs::path& dir) {
   return pages;
 }
 
+// A field of /proc/PID/FILE in kB ("VmHWM:", "VmRSS:" of status, "Pss:" of smaps_rollup).
+long proc_kb(const std::string& pid, const char* file, const char* field) {
+  std::ifstream in("/proc/" + pid + "/" + file);
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind(field, 0) == 0) return std::strtol(line.c_str() + std::strlen(field), nullptr, 10);
+  return 0;
+}
+
+// The running offices of the pool: their peak (VmHWM) and present (VmRSS) resident memory, and
+// their proportional share (Pss), which counts the pages they share only once in the sum.
+struct pool_memory {
+  int offices = 0;
+  long peak_max_kb = 0, peak_sum_kb = 0, rss_sum_kb = 0, pss_sum_kb = 0;
+};
+pool_memory measure_pool() {
+  pool_memory m;
+  std::string err;
+  auto paths = office_runtime(&err);
+  if (!paths) return m;
+  for (const std::string slot : {"", "office-1", "office-2", "office-3"}) {
+    std::ifstream pid_file(paths->dir / slot / "office.pid");
+    std::string pid;
+    if (!(pid_file >> pid) || ::access(("/proc/" + pid).c_str(), F_OK) != 0) continue;
+    const long peak = proc_kb(pid, "status", "VmHWM:");
+    ++m.offices;
+    m.peak_max_kb = std::max(m.peak_max_kb, peak);
+    m.peak_sum_kb += peak;
+    m.rss_sum_kb += proc_kb(pid, "status", "VmRSS:");
+    m.pss_sum_kb += proc_kb(pid, "smaps_rollup", "Pss:");
+  }
+  return m;
+}
+
+// Ten documents in one tarnassist list, the offices' start included: ms, and the pages made.
+double run_assistant(const std::vector<fs::path>& docs, const fs::path& list, size_t* pages) {
+  std::string text = "[FILES]\r\nCount=10\r\nDelete=0\r\n";
+  for (size_t i = 0; i < docs.size(); ++i)
+    text += std::to_string(i + 1) + "=\"" + docs[i].string() + "\"\r\n";
+  write_text(list, text);
+  const fs::path out = fs::path(std::getenv("HOME")) / "Documents" / "Tarn PDF";
+  fs::remove_all(out);
+  const auto stats = run_timed({std::string(TARN_DIST_DIR) + "/tarnassist", list});
+  *pages = fs::exists(out) ? pages_in(out) : 0;
+  if (!stats.ok) {
+    std::cerr << "tarnprint_bench: tarnassist failed\n";
+    std::exit(1);
+  }
+  return stats.ms;
+}
+
+
 struct round_result {
-  double tarnprint_cold = 0, tarnprint_warm = 0, soffice_each = 0, soffice_all = 0;
+  double tarnprint_cold = 0, tarnprint_warm = 0, assistant = 0, soffice_each = 0, soffice_all = 0;
   long vmhwm_kb = 0, soffice_rss_kb = 0, soffice_all_rss_kb = 0;
-  size_t pages_ours = 0, pages_soffice = 0;
+  pool_memory pool;
+  size_t pages_ours = 0, pages_assistant = 0, pages_soffice = 0;
 };
 
 round_result run_round(const std::vector<fs::path>& docs, const fs::path& root, int round) {
@@ -205,6 +245,9 @@ round_result run_round(const std::vector<fs::path>& docs, const fs::path& root, 
   bool ok = true;
 
   std::string err;
+  stop_office(std::chrono::seconds(10), &err);  // the assistant starts the pool afresh
+  r.assistant = run_assistant(docs, out / "list.txt", &r.pages_assistant);
+  r.pool = measure_pool();
   stop_office(std::chrono::seconds(10), &err);  // the first run below starts it afresh
   for (int pass = 0; pass < 2; ++pass) {
     const char* sub = pass == 0 ? "cold" : "warm";
@@ -217,7 +260,7 @@ round_result run_round(const std::vector<fs::path>& docs, const fs::path& root, 
     }
     (pass == 0 ? r.tarnprint_cold : r.tarnprint_warm) = total;
   }
-  r.vmhwm_kb = worker_vmhwm_kb();
+  r.vmhwm_kb = measure_pool().peak_max_kb;
   r.pages_ours = pages_in(out / "warm");
   stop_office(std::chrono::seconds(10), &err);
 
@@ -298,13 +341,27 @@ int main(int argc, char** argv) {
   row("10 docs: tarnprint on warm office vs 10 cold soffice", each, warm);
   row("10 docs: tarnprint incl. warm-up vs 1 soffice for 10", all, cold);
   row("10 docs: tarnprint on warm office vs 1 soffice for 10", all, warm);
+  row("10 docs: one tarnassist list, offices' start incl.", each, med(&round_result::assistant));
   std::printf("%-52s %12s %10s %7s\n", "peak memory", "baseline MB", "ours MB", "ratio");
   const double office_mb = med(&round_result::vmhwm_kb) / 1024;
   row("warm office VmHWM vs cold soffice max RSS", med(&round_result::soffice_rss_kb) / 1024,
       office_mb);
   row("warm office VmHWM vs soffice for 10 max RSS", med(&round_result::soffice_all_rss_kb) / 1024,
       office_mb);
-  std::printf("pages written: tarnprint %zu, soffice %zu (per round)\n", results.front().pages_ours,
+  const double soffice_mb = med(&round_result::soffice_all_rss_kb) / 1024;
+  auto pool_med = [&](long pool_memory::*field) {
+    std::vector<double> values;
+    for (const auto& r : results) values.push_back(static_cast<double>(r.pool.*field) / 1024);
+    return median(values);
+  };
+  const auto& pool = results.front().pool;
+  std::printf("after the tarnassist list, %d offices running:\n", pool.offices);
+  row("  peak of the largest office vs soffice for 10", soffice_mb, pool_med(&pool_memory::peak_max_kb));
+  row("  sum of the offices' peaks vs soffice for 10", soffice_mb, pool_med(&pool_memory::peak_sum_kb));
+  row("  sum of the offices' RSS now vs soffice for 10", soffice_mb, pool_med(&pool_memory::rss_sum_kb));
+  row("  sum of the offices' PSS now vs soffice for 10", soffice_mb, pool_med(&pool_memory::pss_sum_kb));
+  std::printf("pages written: tarnprint %zu, tarnassist %zu, soffice %zu (per round)\n",
+              results.front().pages_ours, results.front().pages_assistant,
               results.front().pages_soffice);
   return 0;
 }

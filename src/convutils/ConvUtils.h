@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
+#include <vector>
 
 class QObject;
 
@@ -51,6 +53,23 @@ std::chrono::seconds print_helper_timeout();
 // its partial target removed. True when it ended with 0 and the target exists.
 bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,
                         int unused1 = 3, int unused2 = 0);
+
+// Asks the install folder's print helper to start its offices now (`tarnprint /warm`), so that
+// a conversion that follows finds them loaded. Returns at once; unused offices end by their
+// idle rule. Failures are traced only.
+void WarmPrintHelper();
+
+// How many documents the print helper's offices convert at once: OfficePoolSize (1 to
+// kMaxOfficePool) under Software\Vantu\PDF\V1\TarnPrint (HKCU, else HKLM), else one per core
+// up to kMaxOfficePool. Each office takes about 300 MB and a core while it loads.
+inline constexpr unsigned kMaxOfficePool = 4;
+unsigned print_helper_parallelism();
+
+// PrintPDFWithHelper for several (source, target) pairs at once: print_helper_parallelism()
+// helpers run at the same time, each under its own time-out. Element i says whether target i
+// was made; a failed or ended helper's target is removed and the others go on.
+std::vector<bool> PrintPDFsWithHelper(
+    const std::vector<std::pair<std::string, std::string>>& jobs);
 
 // Converts an XPS or OXPS file to PDF through tarnimage.so, loaded on first use from the
 // program's folder or the install folder and kept for the process's life. False (and traced)

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 #include <cerrno>
 #include <cstdio>
 #include <random>
@@ -96,6 +97,15 @@ std::chrono::seconds print_helper_timeout() {
     helper = 0;
   }
   return std::chrono::seconds(std::max<DWORD>(kDefaultHelperTimeout, helper + kHelperMargin));
+}
+
+unsigned print_helper_parallelism() {
+  for (reg_root root : {reg_root::current_user, reg_root::local_machine}) {
+    const DWORD set =
+        CConvRegKey(root, kPrintHelperKey, "OfficePoolSize", DWORD{0}).read_as_number();
+    if (set >= 1 && set <= kMaxOfficePool) return set;
+  }
+  return std::clamp(std::thread::hardware_concurrency(), 1u, kMaxOfficePool);
 }
 
 }  // namespace tarn

@@ -1,5 +1,6 @@
 #include "convutils/ConvUtils.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -8,7 +9,9 @@
 #include <QSocketNotifier>
 #include <QTimer>
 #include <QVariant>
+#include <algorithm>
 #include <chrono>
+#include <memory>
 #include <optional>
 
 #include "log/trace.h"
@@ -57,7 +60,113 @@ std::optional<int> wait_serving_events(child_process& child, std::optional<milli
   return child.poll_exit();
 }
 
+// Waits until one of `children` ends or `timeout` passes, serving the calling thread's events
+// meanwhile when there is an application.
+void wait_for_any(const std::vector<child_process*>& children, milliseconds timeout) {
+  if (QCoreApplication::instance() != nullptr) {
+    QEventLoop loop;
+    std::vector<std::unique_ptr<QSocketNotifier>> ended;
+    for (child_process* child : children) {
+      ended.push_back(std::make_unique<QSocketNotifier>(child->pidfd(), QSocketNotifier::Read));
+      QObject::connect(ended.back().get(), &QSocketNotifier::activated, &loop, &QEventLoop::quit);
+    }
+    QTimer::singleShot(timeout, Qt::PreciseTimer, &loop, &QEventLoop::quit);
+    // A loop that won't run (the application is quitting) falls through to the plain wait.
+    if (loop.exec() == 0) return;
+  }
+  std::vector<pollfd> fds;
+  for (child_process* child : children) fds.push_back({child->pidfd(), POLLIN, 0});
+  ::poll(fds.data(), fds.size(), static_cast<int>(std::min<long long>(timeout.count(), 1 << 30)));
+}
+
+std::string print_helper_path() {
+  std::string install;
+  ReadInstallPath(&install, 1);
+  return FindInstalledFile(install, kPrintHelperProgram, "bin");
+}
+
 }  // namespace
+
+void WarmPrintHelper() {
+  const std::string helper = print_helper_path();
+  if (helper.empty() || !spawn_detached({helper, "/warm"}))
+    TARN_TRACE(kTraceError, "can't start %s /warm", helper.c_str());
+}
+
+std::vector<bool> PrintPDFsWithHelper(
+    const std::vector<std::pair<std::string, std::string>>& jobs) {
+  using clock = std::chrono::steady_clock;
+  struct running {
+    size_t index;
+    std::unique_ptr<child_process> child;
+    clock::time_point deadline;
+    bool terminated = false;
+  };
+  std::vector<bool> made(jobs.size(), false);
+  const std::string helper = print_helper_path();
+  TARN_TRACE(kTraceProgress, "TarnPrintHelper: %s", helper.c_str());
+  if (helper.empty()) return made;
+  const seconds timeout = print_helper_timeout();
+  const size_t parallel = print_helper_parallelism();
+  std::vector<running> active;
+  size_t next = 0;
+  while (next < jobs.size() || !active.empty()) {
+    for (; next < jobs.size() && active.size() < parallel; ++next) {
+      const auto& [source, target] = jobs[next];
+      const std::string line =
+          "/p " + quote_argument(source) + " " + quote_argument(target) + " /noviewpdf";
+      TARN_TRACE(kTraceProgress, "Cmd line: %s", line.c_str());
+      std::vector<std::string> argv = split_command_line(line);
+      argv.insert(argv.begin(), helper);
+      std::string err;
+      auto child = child_process::start(argv, {}, &err);
+      if (!child) {
+        TARN_TRACE(kTraceError, "ShellExecuteEx returned false: %s", err.c_str());
+        continue;
+      }
+      active.push_back({next, std::move(child), clock::now() + timeout});
+    }
+    if (active.empty()) continue;
+    std::vector<child_process*> children;
+    auto soonest = clock::time_point::max();
+    for (auto& r : active) {
+      children.push_back(r.child.get());
+      soonest = std::min(soonest, r.deadline);
+    }
+    wait_for_any(children,
+                 std::max(milliseconds(0), std::chrono::ceil<milliseconds>(soonest - clock::now())));
+    for (auto it = active.begin(); it != active.end();) {
+      const std::string& target = jobs[it->index].second;
+      std::optional<int> code = it->child->poll_exit();
+      if (!code && clock::now() >= it->deadline) {
+        if (!it->terminated) {
+          TARN_TRACE(kTraceError, "Print helper still running after %lld s, ending it",
+                     static_cast<long long>(timeout.count()));
+          it->child->signal(SIGTERM);
+          it->terminated = true;
+          it->deadline = clock::now() + kTerminateGrace;
+        } else {
+          it->child->signal(SIGKILL);
+          code = it->child->wait();
+        }
+      }
+      if (!code) {
+        ++it;
+        continue;
+      }
+      if (*code == 0 && !it->terminated && ::access(target.c_str(), F_OK) == 0) {
+        made[it->index] = true;
+        TARN_TRACE(kTraceProgress, "Print Succeeded: %s", target.c_str());
+      } else {
+        TARN_TRACE(kTraceError, "Print failed: %s", target.c_str());
+        // Whatever lies at the target now is a fragment of this run, not a result.
+        if (it->terminated) ::unlink(target.c_str());
+      }
+      it = active.erase(it);
+    }
+  }
+  return made;
+}
 
 bool CheckCommandLine(const std::string& command_line, std::string* checked) {
   if (command_line.size() >= kMaxCommandLine) return false;

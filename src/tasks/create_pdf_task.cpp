@@ -38,6 +38,8 @@ create_pdf_task::create_pdf_task(std::shared_ptr<simple_log> log,
       questions_(std::move(questions)) {}
 
 void create_pdf_task::do_work() {
+  // The offices load while the documents are listed and fetched and the question is open.
+  WarmPrintHelper();
   // The event counts commands, not results: it goes out before anything is looked at.
   try {
     send_usage_event("iManage 10", "iManage10: Create PDF", "From DMS");
@@ -120,27 +122,43 @@ fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
   return in_temp;
 }
 
-bool create_pdf_task::convert(const doc_description& doc) {
-  bool converted;
-  if (doc.extension == "xps" || doc.extension == "oxps") {
-    converted = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
-  } else {
-    converted = PrintPDFWithHelper(doc.local_file.string(), doc.pdf_file.string(), false, false);
+std::vector<bool> create_pdf_task::convert_all(const document_list& documents) {
+  // Office documents go to the print helpers all at once; XPS is converted in this process.
+  std::vector<std::pair<std::string, std::string>> jobs;
+  std::vector<size_t> job_documents;
+  std::vector<bool> converted(documents.size(), false);
+  for (size_t i = 0; i < documents.size(); ++i) {
+    const doc_description& doc = *documents[i];
+    if (doc.local_file.empty() || doc.pdf_file.empty()) continue;
+    if (doc.extension == "xps" || doc.extension == "oxps") {
+      converted[i] = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
+    } else {
+      jobs.emplace_back(doc.local_file.string(), doc.pdf_file.string());
+      job_documents.push_back(i);
+    }
   }
-  std::error_code ec;
-  if (converted && fs::exists(doc.pdf_file, ec)) return true;
-  log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
-  // Whatever a failed conversion left is no PDF to join or store. The path was free before.
-  fs::remove(doc.pdf_file, ec);
-  return false;
+  const std::vector<bool> printed = PrintPDFsWithHelper(jobs);
+  for (size_t j = 0; j < jobs.size(); ++j) converted[job_documents[j]] = printed[j];
+  for (size_t i = 0; i < documents.size(); ++i) {
+    const doc_description& doc = *documents[i];
+    if (doc.local_file.empty() || doc.pdf_file.empty()) continue;
+    std::error_code ec;
+    if (converted[i] && fs::exists(doc.pdf_file, ec)) continue;
+    converted[i] = false;
+    log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
+    // Whatever a failed conversion left is no PDF to join or store. The path was free before.
+    fs::remove(doc.pdf_file, ec);
+  }
+  return converted;
 }
 
 void create_pdf_task::merged_branch(const document_list& documents, save_mode mode) {
   std::shared_ptr<doc_description> merged;
-  for (const auto& doc : documents) {
-    if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
+  const std::vector<bool> converted = convert_all(documents);
+  for (size_t i = 0; i < documents.size(); ++i) {
+    const auto& doc = documents[i];
+    if (!converted[i]) continue;
     try {
-      if (!convert(*doc)) continue;
       // The first document with a PDF lends the result its name, folder and source.
       if (!merged) merged = doc;
       if (attach_) attach_->attach_file(doc->pdf_file);
@@ -157,10 +175,11 @@ void create_pdf_task::merged_branch(const document_list& documents, save_mode mo
 }
 
 void create_pdf_task::single_branch(const document_list& documents, std::optional<save_mode> mode) {
-  for (const auto& doc : documents) {
-    if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
+  const std::vector<bool> converted = convert_all(documents);
+  for (size_t i = 0; i < documents.size(); ++i) {
+    const auto& doc = documents[i];
+    if (!converted[i]) continue;
     try {
-      if (!convert(*doc)) continue;
       // Only a command of one document gets here without a mode: the merge dialog gives one.
       if (!mode) {
         if (auto answer = questions_->ask_how_to_save(*doc)) mode = answer->chosen_save_mode();

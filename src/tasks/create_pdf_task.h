@@ -42,8 +42,9 @@ class create_pdf_task final : public task {
   bool ask_merge_sort(document_list* documents, bool* merge, std::optional<save_mode>* mode);
   void fetch(doc_description& doc);
   std::filesystem::path pdf_path_for(const std::filesystem::path& local_file);
-  // Makes doc.pdf_file; false (logged, nothing left at pdf_file) when no PDF came of it.
-  bool convert(const doc_description& doc);
+  // Makes each document's pdf_file, several at once; element i false (logged, nothing left at
+  // pdf_file) when no PDF came of document i.
+  std::vector<bool> convert_all(const document_list& documents);
   void merged_branch(const document_list& documents, save_mode mode);
   void single_branch(const document_list& documents, std::optional<save_mode> mode);
   void close_documents(const document_list& documents) noexcept;

@@ -220,6 +220,7 @@ conversion assistant::print(const std::string& source, const std::string& part) 
 
 conversion assistant::convert_xps(const std::string& source, const std::string& part) {
   conversion result;
+  std::scoped_lock lock(xps_mu_);
   if (!xps_.is_loaded() && !xps_load_error_) {
     std::string err;
     module_handle module =

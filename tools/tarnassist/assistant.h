@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +28,7 @@ class assistant {
   assistant(std::filesystem::path out_dir, std::string tarnprint, int signal_fd,
             std::chrono::seconds helper_timeout);
 
+  // Safe from several threads at once.
   conversion convert(const std::string& source);
 
  private:
@@ -37,8 +39,9 @@ class assistant {
   const std::string tarnprint_;
   const int signal_fd_;
   const std::chrono::seconds helper_timeout_;
-  TarnImageDll xps_;  // loaded on the first XPS file
-  std::optional<std::string> xps_load_error_;
+  std::mutex xps_mu_;  // the library is used by one thread at a time
+  TarnImageDll xps_;  // loaded on the first XPS file; guarded by xps_mu_
+  std::optional<std::string> xps_load_error_;  // guarded by xps_mu_
 };
 
 // The result of a program run to its end with one of its outputs collected.

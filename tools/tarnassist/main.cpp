@@ -13,7 +13,10 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <condition_variable>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "assistant.h"
 #include "convutils/ConvUtils.h"
@@ -117,6 +120,36 @@ bool interrupt_pending(int signal_fd) {
   return signal_fd >= 0 && ::read(signal_fd, &info, sizeof info) == sizeof info;
 }
 
+struct row_outcome {
+  bool done = false;
+  bool reported = false;  // by the main thread, once done
+  conversion result;
+  std::string source;  // the path tried, empty when the row names none that exists
+  std::chrono::steady_clock::duration took{};
+};
+
+row_outcome convert_row(assistant& worker, const list_row& row) {
+  row_outcome outcome;
+  const auto begin = std::chrono::steady_clock::now();
+  for (const auto& candidate : candidate_paths(row)) {
+    if (::access(candidate.c_str(), F_OK) == 0) {
+      outcome.source = candidate;
+      break;
+    }
+  }
+  if (outcome.source.empty() && !row.path.empty()) outcome.source = row.path;
+  if (!row.present) {
+    outcome.result.reason = "missing from the list";
+  } else if (outcome.source.empty()) {
+    outcome.result.reason = "no file (the gateway could not fetch this document)";
+  } else {
+    outcome.result = worker.convert(outcome.source);
+  }
+  outcome.took = std::chrono::steady_clock::now() - begin;
+  outcome.done = true;
+  return outcome;
+}
+
 int run(const fs::path& list_path) {
   std::string bytes, err;
   if (!read_bytes(list_path, &bytes, &err)) {
@@ -145,30 +178,53 @@ int run(const fs::path& list_path) {
   size_t converted = 0, failed = 0;
   std::vector<list_row> retry;
   bool interrupted = false;
+  // The rows are converted by several threads at once, as many as the print helper has
+  // offices; the lines come out in the list's order.
+  std::vector<row_outcome> outcomes(total);
+  std::mutex mu;
+  std::condition_variable changed;
+  size_t next_row = 0;        // guarded by mu
+  size_t threads_ended = 0;   // guarded by mu
+  bool stopping = false;      // guarded by mu
+  auto convert_rows = [&] {
+    for (;;) {
+      size_t i;
+      {
+        std::scoped_lock lock(mu);
+        if (stopping || next_row == total) break;
+        i = next_row++;
+      }
+      row_outcome outcome = convert_row(worker, list.rows[i]);
+      std::scoped_lock lock(mu);
+      stopping = stopping || outcome.result.interrupted;
+      outcomes[i] = std::move(outcome);
+      changed.notify_all();
+    }
+    std::scoped_lock lock(mu);
+    ++threads_ended;
+    changed.notify_all();
+  };
+  const size_t thread_count = std::min<size_t>(std::max<size_t>(total, 1), print_helper_parallelism());
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < thread_count; ++t) threads.emplace_back(convert_rows);
   for (size_t i = 0; i < total && !interrupted; ++i) {
     const list_row& row = list.rows[i];
-    const auto file_started = std::chrono::steady_clock::now();
-    std::string source;
-    for (const auto& candidate : candidate_paths(row)) {
-      if (::access(candidate.c_str(), F_OK) == 0) {
-        source = candidate;
-        break;
-      }
+    {
+      std::unique_lock lock(mu);
+      changed.wait(lock, [&] { return outcomes[i].done || threads_ended == thread_count; });
+      if (!outcomes[i].done) break;  // the threads stopped before this row
     }
-    if (source.empty() && !row.path.empty()) source = row.path;
+    outcomes[i].reported = true;
+    const conversion& result = outcomes[i].result;
+    const std::string& source = outcomes[i].source;
     const std::string name =
         source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
     std::cout << "[" << (i + 1) << "/" << total << "] " << name;
-
-    conversion result;
-    if (!row.present) {
-      result.reason = "missing from the list";
-    } else if (source.empty()) {
-      result.reason = "no file (the gateway could not fetch this document)";
-    } else {
-      result = worker.convert(source);
-    }
     interrupted = result.interrupted || interrupt_pending(signals.get());
+    if (interrupted) {
+      std::scoped_lock lock(mu);
+      stopping = true;
+    }
     if (!result.ok) {
       ++failed;
       std::cout << ": failed: " << result.reason << "\n";
@@ -177,7 +233,7 @@ int run(const fs::path& list_path) {
     }
     ++converted;
     std::cout << " -> " << result.output.filename().string() << " ("
-              << seconds_text(std::chrono::steady_clock::now() - file_started) << ")";
+              << seconds_text(outcomes[i].took) << ")";
     if (list.delete_copies) {
       if (!lies_in(source, temp_dir)) {
         std::cout << ", copy kept (not in the temporary folder)";
@@ -187,6 +243,16 @@ int run(const fs::path& list_path) {
     }
     std::cout << "\n" << std::flush;
   }
+  {
+    std::scoped_lock lock(mu);
+    stopping = true;
+  }
+  for (auto& thread : threads) thread.join();
+  // A row another thread finished after the interruption counts as not tried: its PDF goes,
+  // and its copy stays for the next run.
+  for (auto& outcome : outcomes)
+    if (outcome.done && !outcome.reported && outcome.result.ok)
+      ::unlink(outcome.result.output.c_str());
 
   const size_t skipped = total - converted - failed;
   std::cout << (interrupted ? "Interrupted: " : "Done: ") << converted << " of " << total
