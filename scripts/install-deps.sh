@@ -18,6 +18,7 @@ test_packages=(
   systemd desktop-file-utils
   fonts-dejavu-core libarchive-dev libgxps-utils
   qt6-image-formats-plugins libgif-dev
+  acl util-linux
 )
 
 wanted=("${run_packages[@]}")
@@ -29,13 +30,17 @@ for pkg in "${wanted[@]}"; do
     missing+=("$pkg")
   fi
 done
-if [ ${#missing[@]} -eq 0 ]; then exit 0; fi
-
-if [ "$(id -u)" -ne 0 ]; then
-  echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
-  exit 1
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
+    exit 1
+  fi
+  echo "install-deps: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update
+  apt-get install -y --no-install-recommends "${missing[@]}"
 fi
-echo "install-deps: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-apt-get update
-apt-get install -y --no-install-recommends "${missing[@]}"
+
+# Tests run by root run as an unprivileged user of their own.
+if [ "${1:-run}" = test ]; then "$(dirname "$0")/test-user.sh"; fi
+
