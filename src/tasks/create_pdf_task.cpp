@@ -136,20 +136,23 @@ bool create_pdf_task::convert(const doc_description& doc) {
 }
 
 void create_pdf_task::merged_branch(const document_list& documents, save_mode mode) {
-  std::shared_ptr<doc_description> merged;
+  std::shared_ptr<doc_description> first_pdf;
+  std::shared_ptr<doc_description> joined;
   for (const auto& doc : documents) {
     if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
     try {
       if (!convert(*doc)) continue;
-      // The first document with a PDF lends the result its name, folder and source.
-      if (!merged) merged = doc;
-      if (attach_) attach_->attach_file(doc->pdf_file);
+      if (!first_pdf) first_pdf = doc;
+      if (attach_ && attach_->attach_file(doc->pdf_file) && !joined) joined = doc;
     } catch (...) {
       log_failure(doc->doc_ref);
     }
   }
-  // Writes the joined PDF over the first one.
+  // Writes the joined PDF over the first one attached.
   attach_.reset();
+  // The document whose PDF holds the join lends it name, folder and source; without a
+  // joining component, the first PDF goes alone.
+  const std::shared_ptr<doc_description>& merged = joined ? joined : first_pdf;
   if (!merged) return;
   merged->saved_item_id =
       dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_, merged->folder,
