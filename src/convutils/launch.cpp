@@ -14,6 +14,7 @@
 #include "log/trace.h"
 #include "platform/child_process.h"
 #include "platform/process_launch.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 namespace {
@@ -57,6 +58,14 @@ std::optional<int> wait_serving_events(child_process& child, std::optional<milli
   return child.poll_exit();
 }
 
+// Traces why `program` may not be run.
+bool trusted_program(const std::string& program) {
+  std::string why;
+  if (trusted_path(program, &why)) return true;
+  TARN_TRACE(kTraceError, "Refusing to run %s: %s", program.c_str(), why.c_str());
+  return false;
+}
+
 }  // namespace
 
 bool CheckCommandLine(const std::string& command_line, std::string* checked) {
@@ -84,6 +93,7 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
   std::string program;
   if (!ReadInstallPath(&program, 1)) return false;
   program += kAssistantProgram;
+  if (!trusted_program(program)) return false;
   std::vector<std::string> argv = split_command_line(checked);
   argv.insert(argv.begin(), program);
 
@@ -109,7 +119,7 @@ bool PrintPDFWithHelper(const std::string& source, const std::string& target, bo
     ReadInstallPath(&install, 1);
     const std::string helper = FindInstalledFile(install, kPrintHelperProgram, "bin");
     TARN_TRACE(kTraceProgress, "TarnPrintHelper: %s", helper.c_str());
-    if (!helper.empty()) {
+    if (!helper.empty() && trusted_program(helper)) {
       const std::string line = std::string(mode ? "/m" : "/p") + " " + quote_argument(source) +
                                " " + quote_argument(target) + " " +
                                (view ? "/viewpdf" : "/noviewpdf");
