@@ -163,8 +163,14 @@ void create_pdf_task::single_branch(const document_list& documents, std::optiona
   for (const auto& doc : documents) {
     if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
     try {
-      if (!convert(*doc)) continue;
       // Only a command of one document gets here without a mode: the merge dialog gives one.
+      // A PDF that nobody will be asked to store is not worth making.
+      if (std::string why; !mode && !questions_->someone_can_answer(&why)) {
+        log("HowToSaveDlg: " + why + "; \"" + doc->doc_ref +
+            "\" is not converted, nothing is stored");
+        continue;
+      }
+      if (!convert(*doc)) continue;
       if (!mode) {
         if (auto answer = questions_->ask_how_to_save(*doc)) mode = answer->chosen_save_mode();
       }

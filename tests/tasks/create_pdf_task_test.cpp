@@ -35,6 +35,7 @@ struct scenario {
   Lines asked;         // the questions, with their rows or prompt
   bool fetches = true;
   bool real_helper = false;
+  bool nobody = false;  // no display, no unattended answers
 };
 void PrintTo(const scenario& s, std::ostream* out) { *out << s.what; }
 
@@ -86,6 +87,9 @@ const scenario kScenarios[] = {
                  {kReport + " [derived 2]", kDerived}),
     one_document("AsNewVersion", save_as(kHowNewVersion, true), {kReport, "1.2" + kPrinted}),
     one_document("SaveCancelled", cancel, {kReport}),
+    // A failing helper would log its failure: nothing tried to convert.
+    {"NobodyToAskConvertsNothing", {{"report", "docx", "FAIL"}}, {"1.1"}, {}, {}, {}, {kReport},
+     {}, true, false, true},
     {"EachDocumentByItsKind",
      {{"b", "txt", "b"}, {"x", "xps", "xps Xps"}, {"o", "oxps", "oxps Open"}, {"c", "XPS", ""}},
      {"1.1", "2.1", "3.1", "4.1"}, versions, {}, {},
@@ -179,6 +183,7 @@ TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
   for (const auto& doc : s.documents) store(doc);
   if (s.merge) questions_->then_merge_sort(s.merge);
   if (s.save) questions_->then_how_to_save(s.save);
+  if (s.nobody) questions_->nobody_answers();
   run(s.refs, "");
   EXPECT_EQ(log_texts("ERROR:"), s.lines);
   EXPECT_EQ(store_summary(), s.store);
