@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the unprivileged user the tests run as when ctest runs as root, and lets it reach the
-# source and build trees. Usage (as root): scripts/test-user.sh [--write FOLDER]... [FOLDER...]
-# FOLDERs become readable, --write FOLDERs (made if missing) writable for the user.
+# source and build trees. Usage (as root):
+#   scripts/test-user.sh [--write FOLDER]... [--write-file FILE]... [FOLDER...]
+# FOLDERs become readable, --write FOLDERs and FILEs (made if missing) writable for the user.
 # As another user it does nothing: the tests then run as that user.
 set -euo pipefail
 user=tarn-test
@@ -16,9 +17,14 @@ fi
 as_user() { setpriv --reuid="$user" --regid="$user" --init-groups "$@"; }
 
 writable=()
+writable_files=()
 readable=()
 while [ $# -gt 0 ]; do
-  if [ "$1" = --write ] && [ $# -ge 2 ]; then writable+=("$2"); shift 2; else readable+=("$1"); shift; fi
+  case "$1" in
+    --write) writable+=("$2"); shift 2 ;;
+    --write-file) writable_files+=("$2"); shift 2 ;;
+    *) readable+=("$1"); shift ;;
+  esac
 done
 
 # Read and enter only, never write: a folder the user could write would be an untrusted place
@@ -46,6 +52,10 @@ done
 for folder in "${writable[@]}"; do
   mkdir -p "$folder"
   setfacl -m "u:$user:rwx" -m "d:u:$user:rwx" "$folder"
+done
+for file in "${writable_files[@]}"; do
+  touch "$file"
+  setfacl -m "u:$user:rw" "$file"
 done
 
 # An office run as root leaves its shared extension cache 0700, which stops every other
