@@ -14,6 +14,8 @@ namespace tarn {
 inline constexpr const char* kProductKey = "Software\\Vantu\\PDF\\V1";
 inline constexpr const char* kAssistantProgram = "tarnassist";
 inline constexpr const char* kPrintHelperProgram = "tarnprint";
+// The folder of one assistant command's copies, in the private temporary folder, begins so.
+inline constexpr const char* kAssistantCopiesPrefix = "tarnassist-";
 
 // *buffer in: empty, or a file name whose extension (".xps", ".oxps" or ".pdf", any case,
 // kept as spelt; anything else becomes ".pdf"; none stays none) the new name takes; out: a

@@ -1,5 +1,9 @@
 #include "tasks/create_pdf_task.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -18,8 +22,17 @@ constexpr const char* kWhere = "ERROR: create_pdf_task::do_work() ";
 // More same-named PDFs than this in the temporary folder means something else is wrong.
 constexpr int kMaxNameTries = 1000;
 
-// A dangling link counts as taken too: the conversion would write through it.
-bool taken_on_disk(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+// Takes `path` by making it, empty, only if nothing lies there, a dangling link included:
+// a name merely found free could be taken by someone else before the conversion writes it.
+bool take_on_disk(const fs::path& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    ::close(fd);
+    return true;
+  }
+  if (errno == EEXIST) return false;
+  throw std::system_error(errno, std::generic_category(), "can't create " + path.string());
+}
 
 }  // namespace
 
@@ -107,7 +120,7 @@ fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
   // Beside the local copy when nothing lies there. A path already taken, on disk or by
   // another document of this command, is never written over: the closing deletes every PDF
   // path, so it would take a file that this task didn't make.
-  auto taken = [&](const fs::path& path) { return pdf_paths_.count(path) || taken_on_disk(path); };
+  auto taken = [&](const fs::path& path) { return pdf_paths_.count(path) || !take_on_disk(path); };
   if (!taken(target)) return target;
   std::string err;
   const std::optional<fs::path> temp = private_temp_dir(&err);
@@ -121,6 +134,7 @@ fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
 }
 
 bool create_pdf_task::convert(const doc_description& doc) {
+  // The path was made empty when it was handed out: an empty file is no PDF.
   bool converted;
   if (doc.extension == "xps" || doc.extension == "oxps") {
     converted = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
@@ -128,7 +142,7 @@ bool create_pdf_task::convert(const doc_description& doc) {
     converted = PrintPDFWithHelper(doc.local_file.string(), doc.pdf_file.string(), false, false);
   }
   std::error_code ec;
-  if (converted && fs::exists(doc.pdf_file, ec)) return true;
+  if (converted && fs::file_size(doc.pdf_file, ec) > 0 && !ec) return true;
   log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
   // Whatever a failed conversion left is no PDF to join or store. The path was free before.
   fs::remove(doc.pdf_file, ec);

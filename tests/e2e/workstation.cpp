@@ -94,6 +94,12 @@ void workstation::end() { the_workstation().reset(); }
 
 workstation::workstation() {
   prepare_sandbox(env_);
+  // TMPDIR open to every user, as /tmp is: the programs keep to a private folder inside it.
+  fs::create_directories(shared_tmp());
+  fs::permissions(shared_tmp(), fs::perms::all | fs::perms::sticky_bit);
+  env_.set_env("TMPDIR", shared_tmp().string());
+  fs::create_directory(temp());
+  fs::permissions(temp(), fs::perms::owner_all);
   x_ = std::make_unique<x_display>();
   if (!x_->started()) {
     why_ = x_->why();
@@ -123,7 +129,7 @@ workstation::~workstation() {
   }
   gateway_.reset();
   // tarnprint leaves its office running for the next document; this one is the test's.
-  end_office_worker(env_.tmp());
+  end_office_worker(temp());
   x_.reset();
 }
 
@@ -216,13 +222,13 @@ size_t workstation::trace_count(const std::string& text) const {
 std::vector<std::string> workstation::temp_files() const {
   std::vector<std::string> files;
   std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(env_.tmp(), ec);
+  for (auto it = fs::recursive_directory_iterator(temp(), ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (it.depth() == 0 && it->path().filename() == "tarnoffice") {
       it.disable_recursion_pending();
       continue;
     }
-    if (!it->is_directory(ec)) files.push_back(fs::relative(it->path(), env_.tmp()).string());
+    if (!it->is_directory(ec)) files.push_back(fs::relative(it->path(), temp()).string());
   }
   return files;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -75,10 +76,10 @@ class workstation {
   // How often `text` ends a line of the diagnostic channel.
   size_t trace_count(const std::string& text) const;
 
-  std::filesystem::path temp() const { return env_.tmp(); }
-  std::filesystem::path assistant_output() const {
-    return env_.home() / "Documents" / "Tarn PDF";
-  }
+  // TMPDIR, which every user may write, and the private folder the programs make in it.
+  std::filesystem::path shared_tmp() const { return env_.root() / "shared-tmp"; }
+  std::filesystem::path temp() const { return shared_tmp() / ("tarn-" + std::to_string(getuid())); }
+  std::filesystem::path assistant_output() const { return env_.home() / "Documents" / "Tarn PDF"; }
   // Files below the private temporary folder but the warm office's: documents left open, PDFs
   // not deleted. Empty after every finished task.
   std::vector<std::string> temp_files() const;

@@ -258,8 +258,15 @@ TEST_F(create_pdf_task_test, TakenPdfPathsAreNeverWrittenOver) {
   EXPECT_NE(connector.calls().find("SaveDocItem(2, " + (env_.tmp() / "item1 (2).pdf").string()),
             std::string::npos);
 
-  ASSERT_EQ(::chown(env_.tmp().c_str(), getuid() + 1, -1), 0);  // no longer the user's own
+  // No private folder anywhere: the temporary folder is open to others and can't take
+  // another, and the cache is no folder.
+  test::write_file(env_.tmp() / "item3.docx", "");
+  test::write_file(env_.root() / "no-cache", "");
+  env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+  fs::permissions(env_.tmp(), fs::perms::owner_read | fs::perms::owner_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
   run({"d2"});
+  fs::permissions(env_.tmp(), fs::perms::owner_all);
   const Lines lines = log_texts("ERROR:");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_TRUE(lines[0].starts_with(kFail + "failed for \"d2\": no temporary folder: ")) << lines[0];

@@ -46,8 +46,9 @@ constexpr const char* kDescription =
     "folder (xdg-user-dir DOCUMENTS, else ~/Documents); an existing PDF is never replaced, the\n"
     "new one is called \"name (2).pdf\" and so on. Documents go through tarnprint, XPS and\n"
     "OXPS files through tarnimage.so, both from tarnassist's own folder.\n\n"
-    "With Delete=1 each listed copy that lies in the private temporary folder is deleted once\n"
-    "its PDF exists. The list file itself is deleted when every file is done; when some failed\n"
+    "With Delete=1 each listed copy that lies in the private temporary folder, or in a folder\n"
+    "\"tarnassist-*\" there, is deleted once its PDF exists, and that folder with its last copy.\n"
+    "The list file itself is deleted when every file is done; when some failed\n"
     "it is rewritten to name only those, so that running tarnassist on it again retries them.\n"
     "Without Delete=1 neither the files nor the list are touched.\n\n"
     "Exit codes: 0 every file converted, 1 some failed, 2 bad usage or an unreadable list,\n"
@@ -92,12 +93,17 @@ bool rewrite_list(const fs::path& file, const std::string& bytes, std::string* e
   return true;
 }
 
-bool lies_in(const fs::path& file, const std::optional<fs::path>& dir) {
+// A hand-over copy lies in the temporary folder, or in the folder of its command there.
+bool is_hand_over_copy(const fs::path& file, const std::optional<fs::path>& dir, bool* own_folder) {
   if (!dir) return false;
   std::error_code ec;
   const fs::path parent = fs::weakly_canonical(file.parent_path(), ec);
   if (ec) return false;
-  return parent == fs::weakly_canonical(*dir, ec) && !ec;
+  const fs::path temp = fs::weakly_canonical(*dir, ec);
+  if (ec) return false;
+  *own_folder = parent.parent_path() == temp &&
+                parent.filename().string().starts_with(kAssistantCopiesPrefix);
+  return parent == temp || *own_folder;
 }
 
 // The interrupting signals are taken through a descriptor, so that a wait for the helper can
@@ -178,11 +184,15 @@ int run(const fs::path& list_path) {
     ++converted;
     std::cout << " -> " << result.output.filename().string() << " ("
               << seconds_text(std::chrono::steady_clock::now() - file_started) << ")";
+    bool own_folder = false;
     if (list.delete_copies) {
-      if (!lies_in(source, temp_dir)) {
+      if (!is_hand_over_copy(source, temp_dir, &own_folder)) {
         std::cout << ", copy kept (not in the temporary folder)";
       } else if (::unlink(source.c_str()) != 0) {
         std::cout << ", copy not deleted: " << std::strerror(errno);
+      } else if (own_folder) {
+        // The command's folder goes with its last copy.
+        ::rmdir(fs::path(source).parent_path().c_str());
       }
     }
     std::cout << "\n" << std::flush;
