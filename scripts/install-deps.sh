@@ -13,7 +13,7 @@ run_packages=(
 )
 test_packages=(
   googletest libgtest-dev libgmock-dev
-  poppler-utils xvfb xauth xdotool chromium
+  poppler-utils xvfb xauth xdotool chromium strace
   clang libclang-rt-14-dev
   systemd desktop-file-utils
   fonts-dejavu-core libarchive-dev libgxps-utils

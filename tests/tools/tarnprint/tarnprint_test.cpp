@@ -331,6 +331,9 @@ TEST_F(tarnprint_test, WorkerIsPrivateAndHoldsNothingOfItsCaller) {
     std::error_code ec;
     EXPECT_NE(fs::read_symlink(entry.path(), ec), marker_) << entry.path();
   }
+  EXPECT_NE(fs::read_symlink("/proc/" + std::to_string(pids[0]) + "/ns/net"),
+            fs::read_symlink("/proc/self/ns/net"))
+      << "the office has a network namespace of its own";
   struct stat st;
   ASSERT_EQ(::stat(runtime_dir().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
@@ -403,6 +406,75 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
   EXPECT_TRUE(ended(pids[1])) << "an idle worker exits";
   EXPECT_NE(test::read_file(runtime_dir() / "office.log").find("idle for 1 s; exiting"),
             std::string::npos);
+}
+
+// A document that names an image on the web, as HTML and as DOCX.
+void write_remote_image_documents(const fs::path& html, const fs::path& docx) {
+  const std::string url = "http://192.0.2.1/x.png";
+  test::write_file(html, "<html><body><p>Remote 201</p><img src=\"" + url + "\"></body></html>");
+  const std::string rels_ns = "http://schemas.openxmlformats.org/package/2006/relationships";
+  const std::string office_ns =
+      "http://schemas.openxmlformats.org/officeDocument/2006/relationships";
+  test::write_zip(
+      docx,
+      {{"[Content_Types].xml",
+        "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+        "<Default Extension=\"rels\" "
+        "ContentType=\"application/vnd.openxmlformats-package.relationships+xml\"/>"
+        "<Override PartName=\"/word/document.xml\" ContentType=\"application/"
+        "vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml\"/></Types>"},
+       {"_rels/.rels", "<Relationships xmlns=\"" + rels_ns +
+                           "\"><Relationship Id=\"rId1\" Type=\"" + office_ns +
+                           "/officeDocument\" Target=\"word/document.xml\"/></Relationships>"},
+       {"word/_rels/document.xml.rels",
+        "<Relationships xmlns=\"" + rels_ns + "\"><Relationship Id=\"rId7\" Type=\"" + office_ns +
+            "/image\" Target=\"" + url + "\" TargetMode=\"External\"/></Relationships>"},
+       {"word/document.xml",
+        "<w:document xmlns:w=\"http://schemas.openxmlformats.org/wordprocessingml/2006/main\" "
+        "xmlns:r=\"" +
+            office_ns +
+            "\" "
+            "xmlns:wp=\"http://schemas.openxmlformats.org/drawingml/2006/wordprocessingDrawing\" "
+            "xmlns:a=\"http://schemas.openxmlformats.org/drawingml/2006/main\" "
+            "xmlns:pic=\"http://schemas.openxmlformats.org/drawingml/2006/picture\"><w:body>"
+            "<w:p><w:r><w:t>Remote 202</w:t></w:r></w:p><w:p><w:r><w:drawing><wp:inline>"
+            "<wp:extent cx=\"952500\" cy=\"952500\"/><wp:docPr id=\"1\" name=\"Picture 1\"/>"
+            "<a:graphic><a:graphicData "
+            "uri=\"http://schemas.openxmlformats.org/drawingml/2006/picture\">"
+            "<pic:pic><pic:nvPicPr><pic:cNvPr id=\"1\" "
+            "name=\"x.png\"/><pic:cNvPicPr/></pic:nvPicPr>"
+            "<pic:blipFill><a:blip "
+            "r:link=\"rId7\"/><a:stretch><a:fillRect/></a:stretch></pic:blipFill>"
+            "<pic:spPr><a:xfrm><a:off x=\"0\" y=\"0\"/><a:ext cx=\"952500\" "
+            "cy=\"952500\"/></a:xfrm>"
+            "<a:prstGeom prst=\"rect\"/></pic:spPr></pic:pic></a:graphicData></a:graphic>"
+            "</wp:inline></w:drawing></w:r></w:p></w:body></w:document>"}});
+}
+
+// Every connect of tarnprint and of the office it starts is traced; an attempt shows in the
+// trace also where the office's network namespace would stop it.
+TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
+  // Each worker exits after its document, and with it the trace.
+  set_print_setting("OfficeMaxConversions", 1);
+  const fs::path html = env_.root() / "remote.html", docx = env_.root() / "remote.docx";
+  write_remote_image_documents(html, docx);
+  const struct {
+    fs::path src;
+    const char* text;
+  } cases[] = {{html, "Remote 201"}, {docx, "Remote 202"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.src.filename().string());
+    const fs::path trace = env_.root() / (c.src.filename().string() + ".trace");
+    const fs::path dst = out_ / (c.src.filename().string() + ".pdf");
+    const auto r =
+        run_program({"/usr/bin/strace", "-f", "-qq", "--seccomp-bpf", "-e", "trace=connect", "-o",
+                     trace, test::dist_program("tarnprint"), "/p", c.src, dst, "/noviewpdf"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(test::pdf_text(dst).find(c.text), std::string::npos);
+    const std::string connects = test::read_file(trace);
+    EXPECT_NE(connects.find("connect("), std::string::npos) << "the trace saw nothing";
+    EXPECT_EQ(connects.find("192.0.2.1"), std::string::npos) << connects;
+  }
 }
 
 }  // namespace
