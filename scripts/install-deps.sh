@@ -20,6 +20,15 @@ test_packages=(
   qt6-image-formats-plugins libgif-dev
 )
 
+# LibreOffice run as root with umask 077 makes its shared extension cache mode 0700, after
+# which every other user's office dies at start: the folder is made, or opened, readable by all.
+open_office_extension_cache() {
+  local cache=/var/spool/libreoffice/uno_packages/cache
+  if [ "$(id -u)" -ne 0 ] || [ ! -d "$cache" ]; then return 0; fi
+  mkdir -p "$cache/uno_packages"
+  chmod 0755 "$cache/uno_packages"
+}
+
 wanted=("${run_packages[@]}")
 if [ "${1:-run}" = test ]; then wanted+=("${test_packages[@]}"); fi
 
@@ -29,7 +38,10 @@ for pkg in "${wanted[@]}"; do
     missing+=("$pkg")
   fi
 done
-if [ ${#missing[@]} -eq 0 ]; then exit 0; fi
+if [ ${#missing[@]} -eq 0 ]; then
+  open_office_extension_cache
+  exit 0
+fi
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "install-deps: missing packages: ${missing[*]}; run as root to install them" >&2
@@ -39,3 +51,4 @@ echo "install-deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update
 apt-get install -y --no-install-recommends "${missing[@]}"
+open_office_extension_cache

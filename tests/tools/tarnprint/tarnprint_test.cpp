@@ -5,6 +5,7 @@
 #include <gif_lib.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -12,6 +13,8 @@
 
 #include <QImage>
 
+#include <cerrno>
+#include <cstring>
 #include <future>
 #include <regex>
 #include <set>
@@ -19,6 +22,7 @@
 #include "convutils/CConvRegKey.h"
 #include "office_client.h"
 #include "office_paths.h"
+#include "shared_extension_cache.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
@@ -56,10 +60,11 @@ fs::path runtime_dir() {
   return paths ? paths->dir : fs::path();
 }
 
-// Pids of the workers started in this sandbox, in order, from their log.
-std::vector<pid_t> started_workers() {
+// Pids of the workers started in this sandbox (or with `runtime` as their folder), in order,
+// from their log.
+std::vector<pid_t> started_workers(const fs::path& runtime = runtime_dir()) {
   std::vector<pid_t> pids;
-  const std::string log = test::read_file(runtime_dir() / "office.log");
+  const std::string log = test::read_file(runtime / "office.log");
   static const std::regex kStart(R"(tarnoffice (\d+): starting)");
   for (std::sregex_iterator it(log.begin(), log.end(), kStart), end; it != end; ++it)
     pids.push_back(std::stoi((*it)[1]));
@@ -475,6 +480,106 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
     EXPECT_NE(connects.find("connect("), std::string::npos) << "the trace saw nothing";
     EXPECT_EQ(connects.find("192.0.2.1"), std::string::npos) << connects;
   }
+}
+
+// Set in the child that plays the machine: see below.
+constexpr const char* kPrivateSpool = "TARN_TEST_PRIVATE_SPOOL";
+constexpr const char* kTestUser = "61234";  // no account of the machine's
+
+// An ordinary user of the machine, with its home in `home`.
+program_result as_test_user(const fs::path& home, const std::vector<std::string>& args) {
+  std::vector<std::string> command = {"/usr/bin/setpriv",
+                                      std::string("--reuid=") + kTestUser,
+                                      std::string("--regid=") + kTestUser,
+                                      "--clear-groups",
+                                      "/usr/bin/env",
+                                      "HOME=" + home.string(),
+                                      "XDG_CONFIG_HOME=" + (home / ".config").string(),
+                                      "XDG_DATA_HOME=" + (home / ".local/share").string(),
+                                      "XDG_STATE_HOME=" + (home / ".local/state").string(),
+                                      "XDG_CACHE_HOME=" + (home / ".cache").string(),
+                                      "TMPDIR=" + (home / "tmp").string(),
+                                      "TARN_MACHINE_REGISTRY=" + (home / "none.sqlite").string()};
+  command.insert(command.end(), args.begin(), args.end());
+  return run_program(command, "", std::chrono::seconds(300));
+}
+
+mode_t mode_of(const fs::path& path) {
+  struct stat st {};
+  ::stat(path.c_str(), &st);
+  return st.st_mode & 07777;
+}
+
+class shared_extension_cache_test : public test::sandboxed_test {};
+
+// The machine's state is made in a child of this test in a mount namespace of its own, with an
+// empty spool folder mounted over the machine's: the real folder, and the tests that use it
+// meanwhile, are never touched.
+TEST_F(shared_extension_cache_test, AnOrdinaryUserConvertsAfterRootRanTheOffice) {
+  if (std::getenv(kPrivateSpool) == nullptr) {
+    // The child's sandbox goes where the test user can reach it.
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can make a machine's state in private";
+    const auto r = run_program(
+        {"/usr/bin/unshare", "--mount", "--propagation", "private", "/usr/bin/env",
+         std::string(kPrivateSpool) + "=1", "TMPDIR=/tmp", fs::read_symlink("/proc/self/exe"),
+         "--gtest_filter=shared_extension_cache_test.*"},
+        "", std::chrono::seconds(600));
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    return;
+  }
+  const fs::path spool = "/var/spool/libreoffice";
+  ASSERT_EQ(::mount("tmpfs", spool.c_str(), "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
+  fs::create_directories(spool / "uno_packages" / "cache");  // as the package has it
+  const fs::path cache = shared_extension_cache();
+  ASSERT_EQ(cache, spool / "uno_packages" / "cache" / "uno_packages");
+  // What an office run as root with umask 077 leaves.
+  fs::create_directory(cache);
+  fs::permissions(cache, fs::perms::owner_all);
+
+  const fs::path home = env_.root() / "user";
+  test::write_file(home / "note.txt", "Shared Grüße 301\n");
+  fs::create_directories(home / "tmp");
+  fs::permissions(home / "tmp", fs::perms::owner_all);
+  const std::string owner = std::string(kTestUser) + ":" + kTestUser;
+  ASSERT_EQ(run_program({"/bin/chown", owner, env_.root()}).exit_code, 0);
+  ASSERT_EQ(run_program({"/bin/chown", "-R", owner, home}).exit_code, 0);
+  auto convert_as_user = [&](const std::string& name) {
+    return as_test_user(home, {test::dist_program("tarnprint"), "/p", (home / "note.txt").string(),
+                               (home / name).string(), "/noviewpdf"});
+  };
+  const fs::path user_runtime = home / "tmp" / "tarnoffice";
+
+  auto r = convert_as_user("refused.pdf");
+  EXPECT_EQ(r.exit_code, 5) << r.err;
+  EXPECT_NE(r.err.find("chmod 0755 '" + cache.string() + "'"), std::string::npos) << r.err;
+  EXPECT_EQ(test::names_in(home).count("refused.pdf"), 0u);
+
+  r = tarnprint(home / "note.txt", env_.root() / "by root.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(mode_of(cache), 0755u) << "an office run as root opens the folder up first";
+  std::string err;
+  EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
+
+  r = convert_as_user("converted.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(test::pdf_text(home / "converted.pdf").find("Shared Grüße 301"), std::string::npos);
+  size_t running = 0;
+  for (pid_t pid : started_workers(user_runtime)) {
+    std::error_code ec;
+    const fs::path net = fs::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec);
+    if (ec) continue;  // one that died at start
+    ++running;
+    EXPECT_NE(net, fs::read_symlink("/proc/self/ns/net")) << "the user's office has no network";
+    ::kill(pid, SIGKILL);
+    EXPECT_TRUE(ended(pid));
+  }
+  EXPECT_EQ(running, 1u);
+
+  // The install step repairs the same state.
+  fs::permissions(cache, fs::perms::owner_all);
+  r = run_program({"/bin/bash", std::string(TARN_SOURCE_DIR) + "/scripts/install-deps.sh"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(mode_of(cache), 0755u);
 }
 
 }  // namespace
