@@ -307,7 +307,6 @@ TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
     std::vector<std::string> args;
     const char* culprit;
   } cases[] = {
-      {{}, "/p is missing"},
       {{"/p", src}, "SOURCE and TARGET"},
       {{src, dst, "/noviewpdf"}, "/p is missing"},
       {{"/m", src, dst, "/noviewpdf"}, "/m is not supported"},
@@ -413,48 +412,17 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
             std::string::npos);
 }
 
-// A document that names an image on the web, as HTML and as DOCX.
-void write_remote_image_documents(const fs::path& html, const fs::path& docx) {
-  const std::string url = "http://192.0.2.1/x.png";
-  test::write_file(html, "<html><body><p>Remote 201</p><img src=\"" + url + "\"></body></html>");
-  const std::string rels_ns = "http://schemas.openxmlformats.org/package/2006/relationships";
-  const std::string office_ns =
-      "http://schemas.openxmlformats.org/officeDocument/2006/relationships";
-  test::write_zip(
-      docx,
-      {{"[Content_Types].xml",
-        "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
-        "<Default Extension=\"rels\" "
-        "ContentType=\"application/vnd.openxmlformats-package.relationships+xml\"/>"
-        "<Override PartName=\"/word/document.xml\" ContentType=\"application/"
-        "vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml\"/></Types>"},
-       {"_rels/.rels", "<Relationships xmlns=\"" + rels_ns +
-                           "\"><Relationship Id=\"rId1\" Type=\"" + office_ns +
-                           "/officeDocument\" Target=\"word/document.xml\"/></Relationships>"},
-       {"word/_rels/document.xml.rels",
-        "<Relationships xmlns=\"" + rels_ns + "\"><Relationship Id=\"rId7\" Type=\"" + office_ns +
-            "/image\" Target=\"" + url + "\" TargetMode=\"External\"/></Relationships>"},
-       {"word/document.xml",
-        "<w:document xmlns:w=\"http://schemas.openxmlformats.org/wordprocessingml/2006/main\" "
-        "xmlns:r=\"" +
-            office_ns +
-            "\" "
-            "xmlns:wp=\"http://schemas.openxmlformats.org/drawingml/2006/wordprocessingDrawing\" "
-            "xmlns:a=\"http://schemas.openxmlformats.org/drawingml/2006/main\" "
-            "xmlns:pic=\"http://schemas.openxmlformats.org/drawingml/2006/picture\"><w:body>"
-            "<w:p><w:r><w:t>Remote 202</w:t></w:r></w:p><w:p><w:r><w:drawing><wp:inline>"
-            "<wp:extent cx=\"952500\" cy=\"952500\"/><wp:docPr id=\"1\" name=\"Picture 1\"/>"
-            "<a:graphic><a:graphicData "
-            "uri=\"http://schemas.openxmlformats.org/drawingml/2006/picture\">"
-            "<pic:pic><pic:nvPicPr><pic:cNvPr id=\"1\" "
-            "name=\"x.png\"/><pic:cNvPicPr/></pic:nvPicPr>"
-            "<pic:blipFill><a:blip "
-            "r:link=\"rId7\"/><a:stretch><a:fillRect/></a:stretch></pic:blipFill>"
-            "<pic:spPr><a:xfrm><a:off x=\"0\" y=\"0\"/><a:ext cx=\"952500\" "
-            "cy=\"952500\"/></a:xfrm>"
-            "<a:prstGeom prst=\"rect\"/></pic:spPr></pic:pic></a:graphicData></a:graphic>"
-            "</wp:inline></w:drawing></w:r></w:p></w:body></w:document>"}});
-}
+// A DOCX whose one picture is linked from the web, not embedded.
+constexpr const char* kRemoteDocxParts[][2] = {
+    {"[Content_Types].xml",
+     R"(<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types"><Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/><Override PartName="/word/document.xml" ContentType="application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"/></Types>)"},
+    {"_rels/.rels",
+     R"(<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships"><Relationship Id="rId1" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/officeDocument" Target="word/document.xml"/></Relationships>)"},
+    {"word/_rels/document.xml.rels",
+     R"(<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships"><Relationship Id="rId7" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/image" Target="http://192.0.2.1/x.png" TargetMode="External"/></Relationships>)"},
+    {"word/document.xml",
+     R"(<w:document xmlns:w="http://schemas.openxmlformats.org/wordprocessingml/2006/main" xmlns:r="http://schemas.openxmlformats.org/officeDocument/2006/relationships" xmlns:wp="http://schemas.openxmlformats.org/drawingml/2006/wordprocessingDrawing" xmlns:a="http://schemas.openxmlformats.org/drawingml/2006/main" xmlns:pic="http://schemas.openxmlformats.org/drawingml/2006/picture"><w:body><w:p><w:r><w:t>Remote 202</w:t></w:r></w:p><w:p><w:r><w:drawing><wp:inline><wp:extent cx="952500" cy="952500"/><wp:docPr id="1" name="Picture 1"/><a:graphic><a:graphicData uri="http://schemas.openxmlformats.org/drawingml/2006/picture"><pic:pic><pic:nvPicPr><pic:cNvPr id="1" name="x.png"/><pic:cNvPicPr/></pic:nvPicPr><pic:blipFill><a:blip r:link="rId7"/><a:stretch><a:fillRect/></a:stretch></pic:blipFill><pic:spPr><a:xfrm><a:off x="0" y="0"/><a:ext cx="952500" cy="952500"/></a:xfrm><a:prstGeom prst="rect"/></pic:spPr></pic:pic></a:graphicData></a:graphic></wp:inline></w:drawing></w:r></w:p></w:body></w:document>)"},
+};
 
 // Every connect of tarnprint and of the office it starts is traced; an attempt shows in the
 // trace also where the office's network namespace would stop it.
@@ -462,7 +430,10 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
   // Each worker exits after its document, and with it the trace.
   set_print_setting("OfficeMaxConversions", 1);
   const fs::path html = env_.root() / "remote.html", docx = env_.root() / "remote.docx";
-  write_remote_image_documents(html, docx);
+  test::write_file(html, R"(<html><body><p>Remote 201</p><img src="http://192.0.2.1/x.png">)");
+  std::vector<std::pair<std::string, std::string>> parts;
+  for (const auto& [name, text] : kRemoteDocxParts) parts.emplace_back(name, text);
+  test::write_zip(docx, parts);
   const struct {
     fs::path src;
     const char* text;
@@ -486,20 +457,10 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
 constexpr const char* kPrivateSpool = "TARN_TEST_PRIVATE_SPOOL";
 constexpr const char* kTestUser = "61234";  // no account of the machine's
 
-// An ordinary user of the machine, with its home in `home`.
-program_result as_test_user(const fs::path& home, const std::vector<std::string>& args) {
-  std::vector<std::string> command = {"/usr/bin/setpriv",
-                                      std::string("--reuid=") + kTestUser,
-                                      std::string("--regid=") + kTestUser,
-                                      "--clear-groups",
-                                      "/usr/bin/env",
-                                      "HOME=" + home.string(),
-                                      "XDG_CONFIG_HOME=" + (home / ".config").string(),
-                                      "XDG_DATA_HOME=" + (home / ".local/share").string(),
-                                      "XDG_STATE_HOME=" + (home / ".local/state").string(),
-                                      "XDG_CACHE_HOME=" + (home / ".cache").string(),
-                                      "TMPDIR=" + (home / "tmp").string(),
-                                      "TARN_MACHINE_REGISTRY=" + (home / "none.sqlite").string()};
+// An ordinary user of the machine, in this test's sandbox.
+program_result as_test_user(const std::vector<std::string>& args) {
+  std::vector<std::string> command = {"/usr/bin/setpriv", std::string("--reuid=") + kTestUser,
+                                      std::string("--regid=") + kTestUser, "--clear-groups"};
   command.insert(command.end(), args.begin(), args.end());
   return run_program(command, "", std::chrono::seconds(300));
 }
@@ -536,35 +497,39 @@ TEST_F(shared_extension_cache_test, AnOrdinaryUserConvertsAfterRootRanTheOffice)
   fs::create_directory(cache);
   fs::permissions(cache, fs::perms::owner_all);
 
-  const fs::path home = env_.root() / "user";
-  test::write_file(home / "note.txt", "Shared Grüße 301\n");
-  fs::create_directories(home / "tmp");
-  fs::permissions(home / "tmp", fs::perms::owner_all);
-  const std::string owner = std::string(kTestUser) + ":" + kTestUser;
-  ASSERT_EQ(run_program({"/bin/chown", owner, env_.root()}).exit_code, 0);
-  ASSERT_EQ(run_program({"/bin/chown", "-R", owner, home}).exit_code, 0);
+  const fs::path src = env_.root() / "note.txt";
+  test::write_file(src, "Shared Grüße 301\n");
+  ASSERT_EQ(run_program({"/bin/chown", "-R", std::string(kTestUser) + ":" + kTestUser, env_.root()})
+                .exit_code,
+            0);
+  // Root's private temporary folder can't be one the user owns.
+  const fs::path root_tmp = env_.root() / "root tmp";
+  fs::create_directory(root_tmp);
+  fs::permissions(root_tmp, fs::perms::owner_all);
   auto convert_as_user = [&](const std::string& name) {
-    return as_test_user(home, {test::dist_program("tarnprint"), "/p", (home / "note.txt").string(),
-                               (home / name).string(), "/noviewpdf"});
+    return as_test_user(
+        {test::dist_program("tarnprint"), "/p", src, (env_.root() / name).string(), "/noviewpdf"});
   };
-  const fs::path user_runtime = home / "tmp" / "tarnoffice";
 
   auto r = convert_as_user("refused.pdf");
   EXPECT_EQ(r.exit_code, 5) << r.err;
   EXPECT_NE(r.err.find("chmod 0755 '" + cache.string() + "'"), std::string::npos) << r.err;
-  EXPECT_EQ(test::names_in(home).count("refused.pdf"), 0u);
+  EXPECT_FALSE(fs::exists(env_.root() / "refused.pdf"));
 
-  r = tarnprint(home / "note.txt", env_.root() / "by root.pdf");
+  env_.set_env("TMPDIR", root_tmp.string());
+  r = tarnprint(src, env_.root() / "by root.pdf");
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(mode_of(cache), 0755u) << "an office run as root opens the folder up first";
   std::string err;
   EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
+  env_.set_env("TMPDIR", env_.tmp().string());
 
   r = convert_as_user("converted.pdf");
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(test::pdf_text(home / "converted.pdf").find("Shared Grüße 301"), std::string::npos);
+  EXPECT_NE(test::pdf_text(env_.root() / "converted.pdf").find("Shared Grüße 301"),
+            std::string::npos);
   size_t running = 0;
-  for (pid_t pid : started_workers(user_runtime)) {
+  for (pid_t pid : started_workers(env_.tmp() / "tarnoffice")) {
     std::error_code ec;
     const fs::path net = fs::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec);
     if (ec) continue;  // one that died at start
