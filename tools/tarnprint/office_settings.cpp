@@ -26,6 +26,8 @@ office_settings read_office_settings() {
       read_setting("OfficeMaxConversions", settings.max_conversions, 1, 100000);
   settings.idle =
       std::chrono::seconds(read_setting("OfficeIdleSeconds", settings.idle.count(), 0, 86400));
+  settings.isolate_network =
+      read_setting("OfficeNetworkIsolation", settings.isolate_network ? 1 : 0, 0, 1) != 0;
   settings.worker_program = self_exe_dir() + "tarnoffice";
   return settings;
 }

@@ -18,6 +18,9 @@ struct office_settings {
   unsigned max_conversions = 50;
   // OfficeIdleSeconds (0..86400): a worker with nothing to do exits after this long.
   std::chrono::seconds idle{600};
+  // OfficeNetworkIsolation (0 or 1): the office runs in a network namespace of its own, where
+  // this system allows one, so that no document can make it reach another machine.
+  bool isolate_network = true;
   // The worker program: tarnoffice beside the running program.
   std::filesystem::path worker_program;
 };
