@@ -98,15 +98,6 @@ std::string exchange_on(const unique_fd& fd, const std::string& request) {
   return all;
 }
 
-bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds deadline) {
-  const auto end = clock::now() + deadline;
-  while (!done()) {
-    if (clock::now() > end) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
-
 double seconds_since(clock::time_point start) {
   return std::chrono::duration<double>(clock::now() - start).count();
 }
