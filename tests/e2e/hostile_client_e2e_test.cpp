@@ -43,10 +43,11 @@ std::string command(const std::string& connection, const std::string& location,
          std::to_string(raw_refs.size()) + "," + refs + "]}}]";
 }
 
-std::string numbered_refs_call(size_t count) {
+// "1.1", "2.1" ... up to `count`.
+std::vector<std::string> numbered_refs(size_t count) {
   std::vector<std::string> refs;
   for (size_t i = 1; i <= count; ++i) refs.push_back(std::to_string(i) + ".1");
-  return command("", "", refs);
+  return refs;
 }
 
 std::string body_of(const std::string& reply) {
@@ -149,18 +150,15 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   } attacks[] = {
       {"a 10 MiB connection with 65 references, as text/plain",
        [&] {
-         const std::string body = command(std::string(10 << 20, 'c'), "", [] {
-           std::vector<std::string> refs;
-           for (int i = 1; i <= 65; ++i) refs.push_back(std::to_string(i) + ".1");
-           return refs;
-         }());
+         const std::string body = command(std::string(10 << 20, 'c'), "", numbered_refs(65));
          EXPECT_EQ(call(body, "text/plain"), "") << "a body over the limit ends its connection";
        }},
       {"a 1.9 MiB connection, refused by the handler",
        [&] {
          EXPECT_EQ(call(command(big_connection, "", {"1.1", "2.1"})), kCommandReply);
        }},
-      {"1,001 references", [&] { EXPECT_EQ(call(numbered_refs_call(1001)), kCommandReply); }},
+      {"1,001 references",
+       [&] { EXPECT_EQ(call(command("", "", numbered_refs(1001))), kCommandReply); }},
       {"a 101-byte reference",
        [&] { EXPECT_EQ(call(command("", "", {std::string(99, '7') + ".1"})), kCommandReply); }},
       {"16 big bodies at once",
