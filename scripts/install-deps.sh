@@ -15,7 +15,7 @@ test_packages=(
   googletest libgtest-dev libgmock-dev
   poppler-utils xvfb xauth xdotool chromium strace
   clang libclang-rt-14-dev
-  systemd desktop-file-utils
+  systemd desktop-file-utils iproute2
   fonts-dejavu-core libarchive-dev libgxps-utils
   qt6-image-formats-plugins libgif-dev
   acl util-linux
