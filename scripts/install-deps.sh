@@ -9,7 +9,7 @@ run_packages=(
   qt6-base-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libqpdf-dev qpdf libgxps-dev
   libreoffice-writer-nogui libreoffice-calc libreoffice-impress-nogui libreofficekit-dev
-  xdg-user-dirs
+  xdg-user-dirs xdg-utils file
 )
 test_packages=(
   googletest libgtest-dev libgmock-dev
@@ -18,6 +18,7 @@ test_packages=(
   systemd desktop-file-utils
   fonts-dejavu-core libarchive-dev libgxps-utils
   qt6-image-formats-plugins libgif-dev
+  dunst dbus-daemon dbus-bin
 )
 
 wanted=("${run_packages[@]}")
