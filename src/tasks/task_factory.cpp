@@ -22,8 +22,11 @@ task_factory default_task_factory() {
       case 0: {
         if (!*notifier && notifications_enabled()) {
           *notifier = std::make_shared<desktop_notifier>("Vantu Tarn", [log](const std::string& why) {
-            TARN_TRACE(kTraceWarning, "%s", why.c_str());
-            if (log) log->add(why, -1);
+            if (log) {
+              log->add(why, -1);  // the log traces it too
+            } else {
+              TARN_TRACE(kTraceWarning, "%s", why.c_str());
+            }
           });
         }
         qt_user_questions::options questions;

@@ -2,6 +2,9 @@
 // gateway and assistant, shown by dunst on the workstation's private session bus.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <map>
+
 #include "workstation.h"
 
 namespace tarn::test {
@@ -83,14 +86,18 @@ TEST_F(notification_e2e_test, ACreatePdfCommandSaysWhatItStoredAndWhatItLeftOutO
 }
 
 TEST_F(notification_e2e_test, TheAssistantUpdatesOneNotificationAndOpensItsFolderOnAClick) {
-  const auto refs = w_->import({w_->make_document("papa.docx", "Papaword"),
-                                w_->make_document("quebec.txt", "Quebecword")});
+  auto refs = w_->import({w_->make_document("papa.docx", "Papaword"),
+                          w_->make_document("quebec.txt", "Quebecword")});
+  std::map<std::string, std::string> name_of = {{refs[0], "papa.docx"}, {refs[1], "quebec.txt"}};
+  std::sort(refs.begin(), refs.end());  // the order of the list
   w_->send_command(kConvertWithAssistant, refs);
   const std::string out = w_->assistant_output().string();
   ASSERT_TRUE(shown_count(3)) << w_->trace();
   const auto seen = shown();
-  EXPECT_THAT(seen, ElementsAre(Field(&shown_notification::summary, "Converting 1 of 2: papa.docx"),
-                                Field(&shown_notification::summary, "Converting 2 of 2: quebec.txt"),
+  EXPECT_THAT(seen, ElementsAre(Field(&shown_notification::summary,
+                                      "Converting 1 of 2: " + name_of[refs[0]]),
+                                Field(&shown_notification::summary,
+                                      "Converting 2 of 2: " + name_of[refs[1]]),
                                 Field(&shown_notification::summary, "Conversion done")));
   for (const auto& n : seen) {
     EXPECT_EQ(n.id, seen[0].id) << "updated in place";

@@ -63,7 +63,16 @@ notification_service::notification_service(const std::string& display, const fs:
     return;
   }
   std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
-  bus_ = child_process::start({kBus, "--session", "--nofork", "--nosyslog", "--print-address=1"},
+  // No services started on demand: dunstctl would otherwise start a dunst of its own.
+  write_file(folder / "bus.conf",
+             "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+             "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
+             "<type>session</type><listen>unix:dir=" + folder.string() + "</listen>"
+             "<auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
+             "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+             "</busconfig>");
+  bus_ = child_process::start({kBus, "--config-file=" + (folder / "bus.conf").string(),
+                               "--nofork", "--nosyslog", "--print-address=1"},
                               {.stdout_fd = fds[1]}, &why_);
   char line[512] = {};
   const bool named = bus_ && fgets(line, sizeof line, reader.get()) != nullptr;

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,10 @@ struct shown_notification {
   std::string id;  // the service's id: an update in place keeps it
   std::string app, summary, body;
 };
+
+inline void PrintTo(const shown_notification& n, std::ostream* os) {
+  *os << "#" << n.id << " " << n.app << ": " << n.summary << " / " << n.body;
+}
 
 class notification_service {
  public:
