@@ -132,11 +132,7 @@ desktop_notifier::desktop_notifier(std::string app_name, log_sink log,
                                    std::chrono::milliseconds call_timeout)
     : log_(std::move(log)) {
   const std::string address = session_bus_address();
-  if (address.empty()) {
-    log_once("desktop notifications are off: no session bus (DBUS_SESSION_BUS_ADDRESS is unset "
-             "and there is no $XDG_RUNTIME_DIR/bus)");
-    return;
-  }
+  if (address.empty()) return;  // said at the first show(), when it matters
   thread_ = new QThread;
   worker_ = new notifier_worker(this, QString::fromStdString(address), qt_text(app_name),
                                 static_cast<int>(call_timeout.count()));
@@ -161,7 +157,11 @@ desktop_notifier::~desktop_notifier() {
 }
 
 void desktop_notifier::show(const std::string& slot, notification n) {
-  if (worker_ == nullptr) return;
+  if (worker_ == nullptr) {
+    log_once("desktop notifications are off: no session bus (DBUS_SESSION_BUS_ADDRESS is unset "
+             "and there is no $XDG_RUNTIME_DIR/bus)");
+    return;
+  }
   {
     MutexLock lock(mu_);
     ++slots_[slot].queued;

@@ -44,7 +44,7 @@ class desktop_notifier {
   using log_sink = std::function<void(const std::string&)>;
 
   // Starts the notifier's thread when there is a session bus (session_bus_address()). `log`
-  // gets at most one line in the notifier's life: why nothing can be shown.
+  // gets at most one line in the notifier's life, at the first show() that can't be shown.
   desktop_notifier(std::string app_name, log_sink log,
                    std::chrono::milliseconds call_timeout = std::chrono::seconds(2));
   ~desktop_notifier();
