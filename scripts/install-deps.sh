@@ -9,7 +9,7 @@ run_packages=(
   qt6-base-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libqpdf-dev qpdf libgxps-dev
   libreoffice-writer-nogui libreoffice-calc libreoffice-impress-nogui libreofficekit-dev
-  xdg-user-dirs
+  xdg-user-dirs xdg-utils file
 )
 test_packages=(
   googletest libgtest-dev libgmock-dev
@@ -19,6 +19,7 @@ test_packages=(
   fonts-dejavu-core libarchive-dev libgxps-utils
   qt6-image-formats-plugins libgif-dev
   acl util-linux
+  dunst dbus-daemon dbus-bin
 )
 
 # LibreOffice run as root with umask 077 makes its shared extension cache mode 0700, after

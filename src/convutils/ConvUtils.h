@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 class QObject;
@@ -12,6 +13,7 @@ class QObject;
 namespace tarn {
 
 inline constexpr const char* kProductKey = "Software\\Vantu\\PDF\\V1";
+inline constexpr const char* kGatewayKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
 inline constexpr const char* kAssistantProgram = "tarnassist";
 inline constexpr const char* kPrintHelperProgram = "tarnprint";
 // The folder of one assistant command's copies, in the private temporary folder, begins so.
@@ -46,6 +48,22 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
 // the user's Software\Vantu\PDF\V1\TarnGateWay; without it 300 s, or the helper's own
 // ConvertTimeoutSeconds (Software\Vantu\PDF\V1\TarnPrint) + 60 s when that is longer.
 std::chrono::seconds print_helper_timeout();
+
+// How long tarnprint lets one document take: its ConvertTimeoutSeconds (user, else machine),
+// else 120 s.
+std::chrono::seconds print_helper_convert_timeout();
+
+// How one print helper run ended.
+struct print_run {
+  bool printed = false;          // exit 0 and the target exists
+  std::optional<int> exit_code;  // none: it didn't start, or the gateway ended it
+  bool timed_out = false;        // ended after `limit`
+  std::chrono::seconds limit{0};
+};
+
+// PrintPDFWithHelper, telling how the run ended.
+print_run RunPrintHelper(const std::string& source, const std::string& target, bool mode,
+                         bool view);
 
 // Runs `tarnprint /p "source" "target" /noviewpdf` (/m and /viewpdf for the flags) from the
 // install folder and waits for it while the calling thread's event loop keeps running. A

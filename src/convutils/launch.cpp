@@ -113,7 +113,12 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
 
 bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,
                         int /*unused1*/, int /*unused2*/) {
-  bool result = false;
+  return RunPrintHelper(source, target, mode, view).printed;
+}
+
+print_run RunPrintHelper(const std::string& source, const std::string& target, bool mode,
+                         bool view) {
+  print_run result;
   try {
     std::string install;
     ReadInstallPath(&install, 1);
@@ -139,6 +144,8 @@ bool PrintPDFWithHelper(const std::string& source, const std::string& target, bo
         if (!code) {
           TARN_TRACE(kTraceError, "Print helper still running after %lld s, ending it",
                      static_cast<long long>(timeout.count()));
+          result.timed_out = true;
+          result.limit = timeout;
           child->signal(SIGTERM);
           code = wait_serving_events(*child, kTerminateGrace);
           if (!code) {
@@ -147,13 +154,15 @@ bool PrintPDFWithHelper(const std::string& source, const std::string& target, bo
           }
           // Whatever lies at the target now is a fragment of this run, not a result.
           ::unlink(target.c_str());
+        } else {
+          result.exit_code = code;
         }
         if (*code != 0) {
           TARN_TRACE(kTraceError, "Print failed");
         } else {
           TARN_TRACE(kTraceProgress, "GetExitCodeProcess returned 0");
           if (::access(target.c_str(), F_OK) == 0) {
-            result = true;
+            result.printed = true;
             TARN_TRACE(kTraceProgress, "Print Succeeded");
           } else {
             TARN_TRACE(kTraceError, "Printed file not found");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -41,14 +42,16 @@ create_pdf_task::create_pdf_task(std::shared_ptr<simple_log> log,
                                  std::unique_ptr<attach_handler> attach,
                                  std::shared_ptr<user_questions> questions,
                                  std::string dms_connection, std::string dms_location,
-                                 std::set<std::string> doc_refs)
+                                 std::set<std::string> doc_refs,
+                                 std::shared_ptr<desktop_notifier> notifier)
     : log_(std::move(log)),
       dms_(std::move(dms)),
       attach_(std::move(attach)),
       dms_connection_(std::move(dms_connection)),
       dms_location_(std::move(dms_location)),
       doc_refs_(std::move(doc_refs)),
-      questions_(std::move(questions)) {}
+      questions_(std::move(questions)),
+      notifier_(std::move(notifier)) {}
 
 void create_pdf_task::do_work() {
   // The event counts commands, not results: it goes out before anything is looked at.
@@ -65,11 +68,19 @@ void create_pdf_task::do_work() {
       log(std::string(kWhere) + "nothing to do.");
       return;
     }
+    for (const auto& ref : doc_refs_) {
+      if (std::none_of(documents.begin(), documents.end(),
+                       [&](const auto& doc) { return doc->doc_ref == ref; }))
+        outcome_.left_out.push_back({ref, left_out_reason::not_in_store});
+    }
     bool merge = false;
     std::optional<save_mode> mode;
     // Asked by the number of references, not of documents found: one refused reference of
     // two still brings up the dialog, with one row.
-    if (doc_refs_.size() > 1 && !ask_merge_sort(&documents, &merge, &mode)) documents.clear();
+    if (doc_refs_.size() > 1 && !ask_merge_sort(&documents, &merge, &mode)) {
+      documents.clear();
+      cancelled_ = true;
+    }
     // Every fetch comes before the first conversion.
     for (const auto& doc : documents) fetch(*doc);
     if (merge) {
@@ -84,6 +95,7 @@ void create_pdf_task::do_work() {
   // closing deletes the PDFs, or it would bring the first one back.
   attach_.reset();
   close_documents(documents);
+  notify();
 }
 
 bool create_pdf_task::ask_merge_sort(document_list* documents, bool* merge,
@@ -100,10 +112,14 @@ void create_pdf_task::fetch(doc_description& doc) {
   doc.item_id = dms_->download_file(dms_connection_, dms_location_, doc.doc_ref);
   if (doc.item_id.empty()) {
     log(std::string(kWhere) + "can't download file: \"" + doc.doc_ref + "\"");
+    leave_out(doc, left_out_reason::not_fetched);
     return;
   }
   fs::path local = dms_->get_localfilename(dms_connection_, doc.item_id);
-  if (local.empty()) return;
+  if (local.empty()) {
+    leave_out(doc, left_out_reason::not_fetched);
+    return;
+  }
   doc.local_file = std::move(local);
   try {
     doc.pdf_file = pdf_path_for(doc.local_file);
@@ -111,6 +127,7 @@ void create_pdf_task::fetch(doc_description& doc) {
   } catch (...) {
     // Without a PDF path the document is passed over; its item is closed all the same.
     log_failure(doc.doc_ref);
+    leave_out(doc, left_out_reason::not_converted);
   }
 }
 
@@ -136,14 +153,21 @@ fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
 bool create_pdf_task::convert(const doc_description& doc) {
   // The path was made empty when it was handed out: an empty file is no PDF.
   bool converted;
+  left_out_reason why = left_out_reason::not_converted;
+  std::chrono::seconds limit{0};
   if (doc.extension == "xps" || doc.extension == "oxps") {
     converted = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
   } else {
-    converted = PrintPDFWithHelper(doc.local_file.string(), doc.pdf_file.string(), false, false);
+    const print_run run =
+        RunPrintHelper(doc.local_file.string(), doc.pdf_file.string(), false, false);
+    converted = run.printed;
+    why = print_failure_reason(run);
+    limit = run.timed_out ? run.limit : print_helper_convert_timeout();
   }
   std::error_code ec;
   if (converted && fs::file_size(doc.pdf_file, ec) > 0 && !ec) return true;
   log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
+  leave_out(doc, why, limit);
   // Whatever a failed conversion left is no PDF to join or store. The path was free before.
   fs::remove(doc.pdf_file, ec);
   return false;
@@ -151,13 +175,17 @@ bool create_pdf_task::convert(const doc_description& doc) {
 
 void create_pdf_task::merged_branch(const document_list& documents, save_mode mode) {
   std::shared_ptr<doc_description> first_pdf;
-  std::shared_ptr<doc_description> joined;
+  std::shared_ptr<doc_description> holder;
+  size_t joined = 0;
   for (const auto& doc : documents) {
     if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
     try {
       if (!convert(*doc)) continue;
       if (!first_pdf) first_pdf = doc;
-      if (attach_ && attach_->attach_file(doc->pdf_file) && !joined) joined = doc;
+      if (attach_ && attach_->attach_file(doc->pdf_file)) {
+        if (!holder) holder = doc;
+        ++joined;
+      }
     } catch (...) {
       log_failure(doc->doc_ref);
     }
@@ -166,11 +194,12 @@ void create_pdf_task::merged_branch(const document_list& documents, save_mode mo
   attach_.reset();
   // The document whose PDF holds the join lends it name, folder and source; without a
   // joining component, the first PDF goes alone.
-  const std::shared_ptr<doc_description>& merged = joined ? joined : first_pdf;
+  const std::shared_ptr<doc_description>& merged = holder ? holder : first_pdf;
   if (!merged) return;
   merged->saved_item_id =
       dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_, merged->folder,
                              merged->pdf_name(), merged->doc_ref);
+  record_save(*merged, mode, std::max<size_t>(joined, 1));
 }
 
 void create_pdf_task::single_branch(const document_list& documents, std::optional<save_mode> mode) {
@@ -192,6 +221,7 @@ void create_pdf_task::single_branch(const document_list& documents, std::optiona
       doc->saved_item_id =
           dms_->save_file_to_DMS(*mode, doc->pdf_file, dms_connection_, dms_location_, doc->folder,
                                  doc->pdf_name(), doc->doc_ref);
+      record_save(*doc, *mode, 1);
     } catch (...) {
       log_failure(doc->doc_ref);
     }
@@ -214,6 +244,31 @@ void create_pdf_task::close_documents(const document_list& documents) noexcept {
     } catch (...) {
       log_failure(doc->doc_ref);
     }
+  }
+}
+
+void create_pdf_task::leave_out(const doc_description& doc, left_out_reason reason,
+                                std::chrono::seconds limit) {
+  outcome_.left_out.push_back(
+      {doc.name.empty() ? doc.doc_ref : doc.source_name(), reason, limit});
+}
+
+void create_pdf_task::record_save(const doc_description& doc, save_mode mode, size_t joined) {
+  if (doc.saved_item_id.empty()) {
+    leave_out(doc, left_out_reason::not_stored);
+    return;
+  }
+  outcome_.stored.push_back({doc.pdf_name(), mode, doc.doc_number, joined});
+}
+
+void create_pdf_task::notify() const noexcept {
+  // A Save As answered with Cancel leaves nothing stored and nothing left out: no word either.
+  if (!notifier_ || cancelled_) return;
+  try {
+    if (!notifications_enabled()) return;
+    if (auto n = create_pdf_notification(outcome_)) notifier_->show("", std::move(*n));
+  } catch (...) {
+    log_failure("");
   }
 }
 

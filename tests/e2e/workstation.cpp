@@ -107,6 +107,21 @@ workstation::workstation() {
   }
   // The gateway, xdotool and nothing else of the test see this display.
   env_.set_env("DISPLAY", x_->display());
+  notes_ = std::make_unique<notification_service>(x_->display(), env_.root() / "notifications");
+  if (!notes_->started()) {
+    why_ = notes_->why();
+    return;
+  }
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS", notes_->address());
+  // What xdg-open starts for a folder: a note of which one.
+  const fs::path opener = env_.root() / "open-folder";
+  write_file(opener, "#!/bin/sh\necho \"$1\" >> \"$0.log\"\n");
+  fs::permissions(opener, fs::perms::owner_all);
+  write_file(env_.home() / ".local/share/applications/tarn-test-folder.desktop",
+             "[Desktop Entry]\nType=Application\nName=Folder\nExec=" + opener.string() +
+                 " %f\nMimeType=inode/directory;\n");
+  write_file(env_.home() / ".config/mimeapps.list",
+             "[Default Applications]\ninode/directory=tarn-test-folder.desktop\n");
   for (const program_result& r : {tarnctl({"setup"}), set_dword("TarnGateWay", "Tarn_GateWay_fetatures", 4)}) {
     if (r.exit_code != 0) {
       why_ = "tarnctl failed: " + r.err;
@@ -117,9 +132,18 @@ workstation::workstation() {
     why_ = "something already listens on port 9090";
     return;
   }
-  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway");
-  if (!gateway_->wait_listening())
-    why_ = "the gateway didn't listen:\n" + gateway_->error_output();
+  if (!restart_gateway(true)) why_ = "the gateway didn't listen:\n" + gateway_->error_output();
+}
+
+bool workstation::restart_gateway(bool with_bus) {
+  if (gateway_ && gateway_->started()) {
+    gateway_->send_signal(SIGTERM);
+    EXPECT_EQ(gateway_->wait_exit(), std::optional<int>(0)) << gateway_->error_output();
+  }
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS",
+               with_bus ? std::optional<std::string>(notes_->address()) : std::nullopt);
+  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway" + std::to_string(++gateways_));
+  return gateway_->wait_listening();
 }
 
 workstation::~workstation() {
@@ -130,6 +154,7 @@ workstation::~workstation() {
   gateway_.reset();
   // tarnprint leaves its office running for the next document; this one is the test's.
   end_office_worker(temp());
+  notes_.reset();
   x_.reset();
 }
 

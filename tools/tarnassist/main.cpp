@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <QCoreApplication>
+#include <QStandardPaths>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -18,7 +20,10 @@
 #include "assistant.h"
 #include "convutils/ConvUtils.h"
 #include "list_file.h"
+#include "notify/desktop_notifier.h"
+#include "notify/outcome_text.h"
 #include "platform/private_temp.h"
+#include "platform/process_launch.h"
 #include "platform/self_exe.h"
 #include "platform/unique_fd.h"
 #include "platform/user_dirs.h"
@@ -33,6 +38,9 @@ constexpr int kExitSomeFailed = 1;
 constexpr int kExitBadInput = 2;
 constexpr int kExitInterrupted = 130;
 constexpr const char* kOutputFolder = "Tarn PDF";
+constexpr const char* kProgressSlot = "progress";
+// How long the last notification offers to open the folder; the PDFs are all done by then.
+constexpr std::chrono::seconds kOfferOpenFolder(60);
 
 constexpr const char* kDescription =
     "Converts the files named in a list file to PDF.\n\n"
@@ -51,6 +59,9 @@ constexpr const char* kDescription =
     "The list file itself is deleted when every file is done; when some failed\n"
     "it is rewritten to name only those, so that running tarnassist on it again retries them.\n"
     "Without Delete=1 neither the files nor the list are touched.\n\n"
+    "A desktop notification shows the progress and, at the end, where the PDFs are, with a\n"
+    "button that opens the folder for a minute (xdg-open). Without a session bus it shows\n"
+    "nothing. Notifications=0 under HKCU\\Software\\Vantu\\PDF\\V1\\TarnGateWay switches it off.\n\n"
     "Exit codes: 0 every file converted, 1 some failed, 2 bad usage or an unreadable list,\n"
     "130 interrupted.";
 
@@ -123,6 +134,29 @@ bool interrupt_pending(int signal_fd) {
   return signal_fd >= 0 && ::read(signal_fd, &info, sizeof info) == sizeof info;
 }
 
+// Turns the progress notification into the result, and opens the folder when the person
+// asks for it within a while. An interrupted run offers nothing: someone wants it to stop.
+void tell_the_end(desktop_notifier& notes, const fs::path& out_dir, size_t converted,
+                  size_t total, const std::vector<left_out_document>& left_out,
+                  bool interrupted) {
+  notification end;
+  end.summary = interrupted ? "Conversion interrupted" : "Conversion done";
+  end.body = std::to_string(converted) + " of " + std::to_string(total) + " PDFs made, in " +
+             out_dir.string();
+  if (!left_out.empty()) end.body += "\n" + left_out_text(left_out);
+  end.urgent = !left_out.empty();
+  if (!interrupted) {
+    end.actions = {{"default", "Open folder"}};
+    end.expire = kOfferOpenFolder;
+  }
+  notes.show(kProgressSlot, end);
+  if (interrupted || notes.wait_for_action(kProgressSlot, kOfferOpenFolder) != "default") return;
+  std::string err = "xdg-open not found";
+  const QString opener = QStandardPaths::findExecutable("xdg-open");
+  if (opener.isEmpty() || !spawn_detached({opener.toStdString(), out_dir.string()}, {}, &err))
+    std::cerr << "tarnassist: can't open " << out_dir.string() << ": " << err << "\n";
+}
+
 int run(const fs::path& list_path) {
   std::string bytes, err;
   if (!read_bytes(list_path, &bytes, &err)) {
@@ -143,8 +177,15 @@ int run(const fs::path& list_path) {
   // Only the gateway's hand-over copies are ever deleted, never a file the list merely names.
   const std::optional<fs::path> temp_dir = private_temp_dir();
 
-  unique_fd signals = block_interrupts();
-  assistant worker(out_dir, self_exe_dir() + kPrintHelperProgram, signals.get(),
+  // Blocked before the notifier's threads exist, so that they inherit the mask.
+  unique_fd interrupts = block_interrupts();
+  std::unique_ptr<desktop_notifier> notes;
+  if (!list.rows.empty() && notifications_enabled()) {
+    notes = std::make_unique<desktop_notifier>(
+        "Vantu Tarn assistant", [](const std::string& why) { std::cerr << "tarnassist: " << why << "\n"; });
+  }
+  std::vector<left_out_document> left_out;
+  assistant worker(out_dir, self_exe_dir() + kPrintHelperProgram, interrupts.get(),
                    print_helper_timeout());
   const auto started = std::chrono::steady_clock::now();
   const size_t total = list.rows.size();
@@ -165,18 +206,25 @@ int run(const fs::path& list_path) {
     const std::string name =
         source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
     std::cout << "[" << (i + 1) << "/" << total << "] " << name;
+    if (notes) {
+      notes->show(kProgressSlot, {"Converting " + std::to_string(i + 1) + " of " +
+                                  std::to_string(total) + ": " + name});
+    }
 
     conversion result;
     if (!row.present) {
       result.reason = "missing from the list";
+      result.why = left_out_reason::not_fetched;
     } else if (source.empty()) {
       result.reason = "no file (the gateway could not fetch this document)";
+      result.why = left_out_reason::not_fetched;
     } else {
       result = worker.convert(source);
     }
-    interrupted = result.interrupted || interrupt_pending(signals.get());
+    interrupted = result.interrupted || interrupt_pending(interrupts.get());
     if (!result.ok) {
       ++failed;
+      if (!result.interrupted) left_out.push_back({name, result.why, result.limit});
       std::cout << ": failed: " << result.reason << "\n";
       if (!source.empty() && ::access(source.c_str(), F_OK) == 0) retry.push_back(row);
       continue;
@@ -218,6 +266,7 @@ int run(const fs::path& list_path) {
       std::cerr << "tarnassist: " << err << "\n";
     }
   }
+  if (notes) tell_the_end(*notes, out_dir, converted, total, left_out, interrupted);
   if (interrupted) return kExitInterrupted;
   return failed > 0 ? kExitSomeFailed : kExitOk;
 }
@@ -246,5 +295,7 @@ int main(int argc, char** argv) {
               << " arguments (and no file \"" << path << "\")\n";
     return tarn::kExitBadInput;
   }
+  // Qt's D-Bus module, behind the notifications, expects an application object.
+  QCoreApplication qt(argc, argv);
   return tarn::run(path);
 }
