@@ -80,7 +80,7 @@ TEST_F(tarnctl_reg_test, OverwriteAndDeleteWantSlashFWithoutATerminal) {
   EXPECT_NE(r.out.find("REG_SZ    old"), std::string::npos);
 }
 
-TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
+TEST_F(tarnctl_reg_test, SetupRegistersTheInstallFolderAndRemoveTakesOnlyThatBack) {
   auto r = tarnctl({"setup"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   auto store = registry_store::open(env_.machine_registry(), registry_store::access::read, 0644,
@@ -102,6 +102,33 @@ TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
               std::string::npos)
         << r.out;
   }
+
+  // Removal takes back only what names this folder: another product's registration of a class
+  // id and the machine's policies stay.
+  constexpr const char* kPolicyKey = "Software\\Policies\\Vantu\\Tarn 5.0\\Preferences";
+  const std::string foreign = "/opt/other/pdf_attach.so";
+  const std::string attach_key =
+      "Software\\Classes\\CLSID\\{F3D21E10-ACE3-4CD1-AA63-7226F6416B06}\\InprocServer32";
+  store = registry_store::open(env_.machine_registry(), registry_store::access::write, 0644,
+                               nullptr);
+  ASSERT_TRUE(store->set(attach_key, "", kRegSz, reg_sz_bytes(foreign), nullptr));
+  ASSERT_TRUE(store->set(kPolicyKey, "CollectData", kRegDword, std::string(4, '\0'), nullptr));
+  store.reset();
+  for (int round = 0; round < 2; ++round) {
+    r = tarnctl({"setup", "--remove"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+  }
+  store = registry_store::open(env_.machine_registry(), registry_store::access::read, 0644,
+                               nullptr);
+  ASSERT_TRUE(store);
+  EXPECT_FALSE(store->key_exists("Software\\Vantu"));
+  EXPECT_FALSE(store->key_exists(
+      "Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}"));
+  value = store->get(attach_key, "");
+  ASSERT_TRUE(value);
+  EXPECT_EQ(reg_sz_text(value->data), foreign);
+  EXPECT_TRUE(store->get(kPolicyKey, "CollectData"));
+  store.reset();
 
   env_.set_env("TARN_MACHINE_REGISTRY", "/proc/no/such/registry.sqlite");
   r = tarnctl({"setup"});
