@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that building, running or testing the gateway needs,
-# asking apt only when one is missing. Usage: scripts/install-deps.sh [run|test]
+# asking apt only when one is missing, and keeps LibreOffice usable by every user of the machine.
+# Usage: scripts/install-deps.sh [run|test|package]
 set -euo pipefail
 
 run_packages=(
@@ -21,6 +22,22 @@ test_packages=(
   acl util-linux
   dunst dbus-daemon dbus-bin
 )
+# Building the Debian package and checking it in a bare Debian root (scripts/check-package.sh).
+package_packages=(
+  dpkg-dev file lintian mmdebstrap iproute2 poppler-utils
+)
+
+# LibreOffice started as root creates its shared extension cache with mode 0700, and every other
+# user's office then fails at start. Made beforehand with 0755 (or repaired), it stays readable.
+office_cache_readable() {
+  [ "$(id -u)" -eq 0 ] && [ -d /var/spool/libreoffice ] || return 0
+  local cache=/var/spool/libreoffice/uno_packages/cache
+  mkdir -p "$cache/uno_packages"
+  chmod 0755 /var/spool/libreoffice /var/spool/libreoffice/uno_packages "$cache" \
+    "$cache/uno_packages"
+  find "$cache/uno_packages" -xdev ! -type l -exec chmod go+rX {} +
+}
+trap office_cache_readable EXIT
 
 # LibreOffice run as root with umask 077 makes its shared extension cache mode 0700, after
 # which every other user's office dies at start: the folder is made, or opened, readable by all.
@@ -32,7 +49,12 @@ open_office_extension_cache() {
 }
 
 wanted=("${run_packages[@]}")
-if [ "${1:-run}" = test ]; then wanted+=("${test_packages[@]}"); fi
+case "${1:-run}" in
+  run) ;;
+  test) wanted+=("${test_packages[@]}") ;;
+  package) wanted+=("${package_packages[@]}") ;;
+  *) echo "install-deps: unknown set '$1' (run, test or package)" >&2; exit 2 ;;
+esac
 
 missing=()
 for pkg in "${wanted[@]}"; do
