@@ -39,15 +39,6 @@ office_cache_readable() {
 }
 trap office_cache_readable EXIT
 
-# LibreOffice run as root with umask 077 makes its shared extension cache mode 0700, after
-# which every other user's office dies at start: the folder is made, or opened, readable by all.
-open_office_extension_cache() {
-  local cache=/var/spool/libreoffice/uno_packages/cache
-  if [ "$(id -u)" -ne 0 ] || [ ! -d "$cache" ]; then return 0; fi
-  mkdir -p "$cache/uno_packages"
-  chmod 0755 "$cache/uno_packages"
-}
-
 wanted=("${run_packages[@]}")
 case "${1:-run}" in
   run) ;;
@@ -72,7 +63,6 @@ if [ ${#missing[@]} -gt 0 ]; then
   apt-get update
   apt-get install -y --no-install-recommends "${missing[@]}"
 fi
-open_office_extension_cache
 
 # Tests run by root run as an unprivileged user of their own.
 if [ "${1:-run}" = test ]; then "$(dirname "$0")/test-user.sh"; fi
