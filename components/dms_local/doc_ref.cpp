@@ -6,7 +6,6 @@
 namespace tarn {
 namespace {
 
-constexpr size_t kMaxRefLength = 100;
 constexpr size_t kMaxLibraryLength = 64;
 constexpr size_t kMaxNameLength = 255;
 constexpr size_t kMaxExtensionLength = 32;
@@ -40,7 +39,7 @@ bool valid_library_name(std::string_view name) {
 }
 
 std::optional<doc_key> parse_doc_ref(std::string_view text, std::string_view library) {
-  if (text.empty() || text.size() > kMaxRefLength) return std::nullopt;
+  if (text.empty() || text.size() > kMaxDocRefLength) return std::nullopt;
   doc_key key;
   if (const size_t colon = text.find(':'); colon != std::string_view::npos) {
     key.library = std::string(text.substr(0, colon));

@@ -13,6 +13,10 @@ namespace tarn {
 
 constexpr const char* kDefaultLibrary = "default";
 
+// The longest reference text the store reads, library prefix included. The gateway refuses a
+// command with a longer one before it logs or copies anything.
+inline constexpr size_t kMaxDocRefLength = 100;
+
 // One document version of one library; version 0 means the latest.
 struct doc_key {
   std::string library;

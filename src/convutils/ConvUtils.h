@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,8 +15,11 @@ class QObject;
 namespace tarn {
 
 inline constexpr const char* kProductKey = "Software\\Vantu\\PDF\\V1";
+inline constexpr const char* kGatewayKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
 inline constexpr const char* kAssistantProgram = "tarnassist";
 inline constexpr const char* kPrintHelperProgram = "tarnprint";
+// The folder of one assistant command's copies, in the private temporary folder, begins so.
+inline constexpr const char* kAssistantCopiesPrefix = "tarnassist-";
 
 // *buffer in: empty, or a file name whose extension (".xps", ".oxps" or ".pdf", any case,
 // kept as spelt; anything else becomes ".pdf"; none stays none) the new name takes; out: a
@@ -47,6 +51,22 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
 // ConvertTimeoutSeconds (Software\Vantu\PDF\V1\TarnPrint) + 60 s when that is longer.
 std::chrono::seconds print_helper_timeout();
 
+// How long tarnprint lets one document take: its ConvertTimeoutSeconds (user, else machine),
+// else 120 s.
+std::chrono::seconds print_helper_convert_timeout();
+
+// How one print helper run ended.
+struct print_run {
+  bool printed = false;          // exit 0 and the target exists
+  std::optional<int> exit_code;  // none: it didn't start, or the gateway ended it
+  bool timed_out = false;        // ended after `limit`
+  std::chrono::seconds limit{0};
+};
+
+// PrintPDFWithHelper, telling how the run ended.
+print_run RunPrintHelper(const std::string& source, const std::string& target, bool mode,
+                         bool view);
+
 // Runs `tarnprint /p "source" "target" /noviewpdf` (/m and /viewpdf for the flags) from the
 // install folder and waits for it while the calling thread's event loop keeps running. A
 // helper still running after print_helper_timeout() is ended (SIGTERM, then SIGKILL) and
@@ -66,9 +86,9 @@ inline constexpr unsigned kMaxOfficePool = 4;
 unsigned print_helper_parallelism();
 
 // PrintPDFWithHelper for several (source, target) pairs at once: print_helper_parallelism()
-// helpers run at the same time, each under its own time-out. Element i says whether target i
-// was made; a failed or ended helper's target is removed and the others go on.
-std::vector<bool> PrintPDFsWithHelper(
+// helpers run at the same time, each under its own time-out. Element i tells how the run for
+// target i ended; an ended helper's target is removed and the others go on.
+std::vector<print_run> PrintPDFsWithHelper(
     const std::vector<std::pair<std::string, std::string>>& jobs);
 
 // Converts an XPS or OXPS file to PDF through tarnimage.so, loaded on first use from the

@@ -5,6 +5,7 @@
 #include "convutils/ConvUtils.h"
 #include "log/trace.h"
 #include "platform/self_exe.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 namespace {
@@ -66,9 +67,13 @@ module_handle LoadFromProgramOrInstall(const std::string& file_name, int mask, s
     if ((mask & place.bit) == 0 || place.folder.empty()) continue;
     const std::string path = place.folder + file_name;
     if (::access(path.c_str(), F_OK) != 0) continue;
+    reasons += reasons.empty() ? "" : "; ";
+    if (std::string why; !trusted_path(path, &why)) {
+      reasons += "refusing to load " + path + ": " + why;
+      continue;
+    }
     if (void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) return module_handle(handle);
     const char* why = dlerror();
-    reasons += reasons.empty() ? "" : "; ";
     reasons += why != nullptr ? why : path;
   }
   if (err != nullptr) *err = reasons.empty() ? "not found" : reasons;

@@ -17,9 +17,9 @@
 namespace tarn {
 namespace {
 
-constexpr const char* kGatewayKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
 constexpr const char* kPrintHelperKey = "Software\\Vantu\\PDF\\V1\\TarnPrint";
 constexpr DWORD kDefaultHelperTimeout = 300;
+constexpr DWORD kDefaultConvertTimeout = 120;  // tarnprint's own
 constexpr DWORD kMaxHelperTimeout = 86400;
 constexpr DWORD kHelperMargin = 60;
 
@@ -84,19 +84,23 @@ std::string FindInstalledFile(const std::string& folder, const std::string& file
   return "";
 }
 
+std::chrono::seconds print_helper_convert_timeout() {
+  for (reg_root root : {reg_root::current_user, reg_root::local_machine}) {
+    const DWORD set =
+        CConvRegKey(root, kPrintHelperKey, "ConvertTimeoutSeconds", DWORD{0}).read_as_number();
+    if (set >= 1 && set <= kMaxHelperTimeout) return std::chrono::seconds(set);
+  }
+  return std::chrono::seconds(kDefaultConvertTimeout);
+}
+
 std::chrono::seconds print_helper_timeout() {
   const DWORD set =
       CConvRegKey(reg_root::current_user, kGatewayKey, "print_helper_timeout", DWORD{0})
           .read_as_number();
   if (set != 0) return std::chrono::seconds(set);
   // Never before the helper's own time-out, which ends a slow document cleanly and says why.
-  DWORD helper = 0;
-  for (reg_root root : {reg_root::current_user, reg_root::local_machine}) {
-    helper = CConvRegKey(root, kPrintHelperKey, "ConvertTimeoutSeconds", DWORD{0}).read_as_number();
-    if (helper >= 1 && helper <= kMaxHelperTimeout) break;
-    helper = 0;
-  }
-  return std::chrono::seconds(std::max<DWORD>(kDefaultHelperTimeout, helper + kHelperMargin));
+  return std::max(std::chrono::seconds(kDefaultHelperTimeout),
+                  print_helper_convert_timeout() + std::chrono::seconds(kHelperMargin));
 }
 
 unsigned print_helper_parallelism() {

@@ -17,6 +17,7 @@
 #include "log/trace.h"
 #include "platform/child_process.h"
 #include "platform/process_launch.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 namespace {
@@ -85,15 +86,24 @@ std::string print_helper_path() {
   return FindInstalledFile(install, kPrintHelperProgram, "bin");
 }
 
+// Traces why `program` may not be run.
+bool trusted_program(const std::string& program) {
+  std::string why;
+  if (trusted_path(program, &why)) return true;
+  TARN_TRACE(kTraceError, "Refusing to run %s: %s", program.c_str(), why.c_str());
+  return false;
+}
+
 }  // namespace
 
 void WarmPrintHelper() {
   const std::string helper = print_helper_path();
-  if (helper.empty() || !spawn_detached({helper, "/warm"}))
+  if (helper.empty() || !trusted_program(helper)) return;
+  if (!spawn_detached({helper, "/warm"}))
     TARN_TRACE(kTraceError, "can't start %s /warm", helper.c_str());
 }
 
-std::vector<bool> PrintPDFsWithHelper(
+std::vector<print_run> PrintPDFsWithHelper(
     const std::vector<std::pair<std::string, std::string>>& jobs) {
   using clock = std::chrono::steady_clock;
   struct running {
@@ -102,10 +112,10 @@ std::vector<bool> PrintPDFsWithHelper(
     clock::time_point deadline;
     bool terminated = false;
   };
-  std::vector<bool> made(jobs.size(), false);
+  std::vector<print_run> made(jobs.size());
   const std::string helper = print_helper_path();
   TARN_TRACE(kTraceProgress, "TarnPrintHelper: %s", helper.c_str());
-  if (helper.empty()) return made;
+  if (helper.empty() || !trusted_program(helper)) return made;
   const seconds timeout = print_helper_timeout();
   const size_t parallel = print_helper_parallelism();
   std::vector<running> active;
@@ -144,6 +154,8 @@ std::vector<bool> PrintPDFsWithHelper(
                      static_cast<long long>(timeout.count()));
           it->child->signal(SIGTERM);
           it->terminated = true;
+          made[it->index].timed_out = true;
+          made[it->index].limit = timeout;
           it->deadline = clock::now() + kTerminateGrace;
         } else {
           it->child->signal(SIGKILL);
@@ -154,8 +166,9 @@ std::vector<bool> PrintPDFsWithHelper(
         ++it;
         continue;
       }
+      if (!it->terminated) made[it->index].exit_code = code;
       if (*code == 0 && !it->terminated && ::access(target.c_str(), F_OK) == 0) {
-        made[it->index] = true;
+        made[it->index].printed = true;
         TARN_TRACE(kTraceProgress, "Print Succeeded: %s", target.c_str());
       } else {
         TARN_TRACE(kTraceError, "Print failed: %s", target.c_str());
@@ -193,6 +206,7 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
   std::string program;
   if (!ReadInstallPath(&program, 1)) return false;
   program += kAssistantProgram;
+  if (!trusted_program(program)) return false;
   std::vector<std::string> argv = split_command_line(checked);
   argv.insert(argv.begin(), program);
 
@@ -212,13 +226,16 @@ bool LaunchConverter(const std::string& command_line, bool modal, QObject* paren
 
 bool PrintPDFWithHelper(const std::string& source, const std::string& target, bool mode, bool view,
                         int /*unused1*/, int /*unused2*/) {
-  bool result = false;
+  return RunPrintHelper(source, target, mode, view).printed;
+}
+
+print_run RunPrintHelper(const std::string& source, const std::string& target, bool mode,
+                         bool view) {
+  print_run result;
   try {
-    std::string install;
-    ReadInstallPath(&install, 1);
-    const std::string helper = FindInstalledFile(install, kPrintHelperProgram, "bin");
+    const std::string helper = print_helper_path();
     TARN_TRACE(kTraceProgress, "TarnPrintHelper: %s", helper.c_str());
-    if (!helper.empty()) {
+    if (!helper.empty() && trusted_program(helper)) {
       const std::string line = std::string(mode ? "/m" : "/p") + " " + quote_argument(source) +
                                " " + quote_argument(target) + " " +
                                (view ? "/viewpdf" : "/noviewpdf");
@@ -238,6 +255,8 @@ bool PrintPDFWithHelper(const std::string& source, const std::string& target, bo
         if (!code) {
           TARN_TRACE(kTraceError, "Print helper still running after %lld s, ending it",
                      static_cast<long long>(timeout.count()));
+          result.timed_out = true;
+          result.limit = timeout;
           child->signal(SIGTERM);
           code = wait_serving_events(*child, kTerminateGrace);
           if (!code) {
@@ -246,13 +265,15 @@ bool PrintPDFWithHelper(const std::string& source, const std::string& target, bo
           }
           // Whatever lies at the target now is a fragment of this run, not a result.
           ::unlink(target.c_str());
+        } else {
+          result.exit_code = code;
         }
         if (*code != 0) {
           TARN_TRACE(kTraceError, "Print failed");
         } else {
           TARN_TRACE(kTraceProgress, "GetExitCodeProcess returned 0");
           if (::access(target.c_str(), F_OK) == 0) {
-            result = true;
+            result.printed = true;
             TARN_TRACE(kTraceProgress, "Print Succeeded");
           } else {
             TARN_TRACE(kTraceError, "Printed file not found");

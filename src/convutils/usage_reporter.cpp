@@ -9,8 +9,11 @@
 
 #include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
+#include "log/trace.h"
 #include "platform/ascii_text.h"
 #include "platform/process_launch.h"
+#include "platform/self_exe.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 namespace {
@@ -55,14 +58,9 @@ std::string read_build_id(const std::string& install) {
   return "";
 }
 
+// Never relative to the current folder, which anyone may have chosen.
 std::string find_reporter(const std::string& install) {
-  if (!install.empty()) return install + kTelemetryProgram;
-  // Relative to the current directory, for a gateway run from a build tree.
-  const std::string here = kTelemetryProgram;
-  const std::string up = std::string("../") + kTelemetryProgram;
-  if (::access(here.c_str(), F_OK) == 0) return here;
-  if (::access(up.c_str(), F_OK) == 0) return up;
-  return std::string("../../") + kTelemetryProgram;
+  return (install.empty() ? self_exe_dir() : install) + kTelemetryProgram;
 }
 
 }  // namespace
@@ -116,6 +114,10 @@ void usage_reporter::send() {
   const qsizetype units = QString::fromUtf8(program_.data(), program_.size()).size() + 1 +
                           QString::fromUtf8(line_.data(), line_.size()).size() + 1;
   if (units > kMaxCommandLine) return;
+  if (std::string why; !trusted_path(program_, &why)) {
+    TARN_TRACE(kTraceError, "Refusing to run %s: %s", program_.c_str(), why.c_str());
+    return;
+  }
   detached_options options;
   options.nice_increment = kBelowNormal;
   spawn_detached({program_, line_}, options);

@@ -10,11 +10,17 @@
 #include "dialogs/child_launch_internal.h"
 #include "dialogs/dialog_look.h"
 #include "dialogs/question_json.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 
 child_answer ask_in_child(const std::filesystem::path& tarnask, const std::string& question,
                           const std::string& request, const display_env& display) {
+  child_answer answer;
+  if (std::string why; !trusted_path(tarnask, &why)) {
+    answer.why = "refusing to run " + tarnask.string() + ": " + why;
+    return answer;
+  }
   QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
   for (const auto& [name, value] : display.vars)
     env.insert(QString::fromStdString(name), QString::fromStdString(value));
@@ -34,7 +40,6 @@ child_answer ask_in_child(const std::filesystem::path& tarnask, const std::strin
   child.closeWriteChannel();
   if (child.error() != QProcess::FailedToStart) loop.exec();
 
-  child_answer answer;
   if (child.error() == QProcess::FailedToStart) {
     answer.why = tarnask.string() + " could not be started: " + child.errorString().toStdString();
   } else if (child.state() != QProcess::NotRunning) {

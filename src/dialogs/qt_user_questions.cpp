@@ -1,5 +1,7 @@
 #include "dialogs/qt_user_questions.h"
 
+#include "convutils/CConvRegKey.h"
+#include "convutils/usage_reporter.h"
 #include "dialogs/HowToSaveDlg.h"
 #include "dialogs/MergeSortDlg.h"
 #include "dialogs/child_question.h"
@@ -34,6 +36,24 @@ std::string describe(const how_to_save_answer& answer) {
   return describe(answer.chosen_save_mode());
 }
 
+constexpr const char* kUnattendedKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
+constexpr const char* kNobodyAsked = "no display to ask on";
+constexpr const char* kUnanswered = "the question ended without an answer: ";
+constexpr const char* kCancelled = "; taken as Cancel, nothing is stored";
+
+// A command any web page can post must not store documents unattended, so only a choice made
+// for the machine (policy) or by the user lets the remembered choices answer for nobody.
+bool unattended_answers() {
+  constexpr DWORD kUnset = 0xFFFFFFFF;
+  DWORD policy = kUnset;
+  if (CConvRegKey(reg_root::local_machine, kUsagePolicyKey, "UnattendedAnswers", kUnset)
+              .read_number(&policy) == kErrorSuccess &&
+      policy != kUnset)
+    return policy != 0;
+  return CConvRegKey(reg_root::current_user, kUnattendedKey, "UnattendedAnswers", DWORD{0})
+      .read_as_bool();
+}
+
 }  // namespace
 
 qt_user_questions::qt_user_questions(options opts) : options_(std::move(opts)) {
@@ -58,6 +78,13 @@ void qt_user_questions::note(const std::string& text) const {
   }
 }
 
+bool qt_user_questions::someone_can_answer(std::string* why) {
+  std::optional<display_env> display;
+  if (where_to_ask(&display) != place::nobody || unattended_answers()) return true;
+  *why = kNobodyAsked;
+  return false;
+}
+
 std::optional<merge_sort_answer> qt_user_questions::ask_merge_sort(
     const std::vector<std::shared_ptr<doc_description>>& documents) {
   merge_sort_model model(documents, true);
@@ -69,10 +96,14 @@ std::optional<merge_sort_answer> qt_user_questions::ask_merge_sort(
       return dialog.answer();
     }
     case place::nobody: {
+      if (!unattended_answers()) {
+        note(std::string("MergeSortDlg: ") + kNobodyAsked + kCancelled);
+        return std::nullopt;
+      }
       model.init();
       merge_sort_answer answer = model.remembered_answer();
-      note("MergeSortDlg: no display to ask on; taking the remembered choices: " +
-           describe(answer));
+      note(std::string("MergeSortDlg: ") + kNobodyAsked +
+           "; taking the remembered choices: " + describe(answer));
       return answer;
     }
     case place::child:
@@ -100,6 +131,11 @@ std::optional<merge_sort_answer> qt_user_questions::ask_merge_sort(
       note("MergeSortDlg: " + shown.why);
       return std::nullopt;
     case child_answer::outcome::not_shown: {
+      if (!unattended_answers()) {
+        note(std::string("MergeSortDlg: ") + kUnanswered + shown.why + " (at " + display->where +
+             ")" + kCancelled);
+        return std::nullopt;
+      }
       merge_sort_answer answer = model.remembered_answer();
       note("MergeSortDlg: could not be shown at " + display->where + " (" + shown.why +
            "); taking the remembered choices: " + describe(answer));
@@ -124,9 +160,14 @@ std::optional<how_to_save_answer> qt_user_questions::ask_how_to_save(
       return dialog.answer();
     }
     case place::nobody: {
+      if (!unattended_answers()) {
+        note("HowToSaveDlg: " + std::string(kNobodyAsked) + " for '" + document.source_name() +
+             "'" + kCancelled);
+        return std::nullopt;
+      }
       model.init();
       how_to_save_answer answer = model.remembered_answer();
-      note("HowToSaveDlg: no display to ask on; taking the remembered choice for '" +
+      note(std::string("HowToSaveDlg: ") + kNobodyAsked + "; taking the remembered choice for '" +
            document.source_name() + "': " + describe(answer));
       return answer;
     }
@@ -147,6 +188,11 @@ std::optional<how_to_save_answer> qt_user_questions::ask_how_to_save(
       note("HowToSaveDlg: " + shown.why);
       return std::nullopt;
     case child_answer::outcome::not_shown: {
+      if (!unattended_answers()) {
+        note(std::string("HowToSaveDlg: ") + kUnanswered + shown.why + " (at " + display->where +
+             ") for '" + document.source_name() + "'" + kCancelled);
+        return std::nullopt;
+      }
       how_to_save_answer answer = model.remembered_answer();
       note("HowToSaveDlg: could not be shown at " + display->where + " (" + shown.why +
            "); taking the remembered choice for '" + document.source_name() +

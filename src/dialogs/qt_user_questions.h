@@ -1,8 +1,8 @@
 // The questions as real dialogs. Where a question is shown is decided each time it is asked:
 // in this process when Qt runs on a display; in a tarnask child process when this process
-// runs offscreen but a display has appeared since; and when there is no display at all,
-// nobody is asked: the remembered choices answer, the log says so, and the task goes on.
-// Main thread only.
+// runs offscreen but a display has appeared since. A question nobody answered (no display at
+// all, or the child ended without an answer) is Cancel, unless the UnattendedAnswers setting
+// lets the remembered choices answer; the log says which and why. Main thread only.
 #pragma once
 
 #include <filesystem>
@@ -31,6 +31,7 @@ class qt_user_questions final : public user_questions {
   std::optional<merge_sort_answer> ask_merge_sort(
       const std::vector<std::shared_ptr<doc_description>>& documents) override;
   std::optional<how_to_save_answer> ask_how_to_save(const doc_description& document) override;
+  bool someone_can_answer(std::string* why) override;
 
  private:
   enum class place { here, child, nobody };

@@ -4,6 +4,7 @@ namespace tarn {
 
 std::optional<merge_sort_answer> scripted_user_questions::ask_merge_sort(
     const std::vector<std::shared_ptr<doc_description>>& documents) {
+  if (nobody_) return std::nullopt;
   merge_sort_model dialog(documents, true);
   dialog.init();
   asked_.push_back({"MergeSortDlg", dialog.rows(), ""});
@@ -18,6 +19,7 @@ std::optional<merge_sort_answer> scripted_user_questions::ask_merge_sort(
 
 std::optional<how_to_save_answer> scripted_user_questions::ask_how_to_save(
     const doc_description& document) {
+  if (nobody_) return std::nullopt;
   how_to_save_model dialog(how_to_save_prompt(document.source_name(), document.pdf_name()), false);
   dialog.init();
   asked_.push_back({"HowToSaveDlg", {}, dialog.prompt()});
@@ -30,6 +32,11 @@ std::optional<how_to_save_answer> scripted_user_questions::ask_how_to_save(
   if (!script || script(dialog)) answer = dialog.accept();
   dialog.store_settings();
   return answer;
+}
+
+bool scripted_user_questions::someone_can_answer(std::string* why) {
+  if (nobody_) *why = "nobody to ask";
+  return !nobody_;
 }
 
 }  // namespace tarn

@@ -32,11 +32,16 @@ class scripted_user_questions final : public user_questions {
   };
   const std::vector<question>& asked() const { return asked_; }
 
+  // From now on nobody is there: every question is cancelled unasked.
+  void nobody_answers() { nobody_ = true; }
+
   std::optional<merge_sort_answer> ask_merge_sort(
       const std::vector<std::shared_ptr<doc_description>>& documents) override;
   std::optional<how_to_save_answer> ask_how_to_save(const doc_description& document) override;
+  bool someone_can_answer(std::string* why) override;
 
  private:
+  bool nobody_ = false;
   std::deque<merge_sort_script> merge_sort_;
   std::deque<how_to_save_script> how_to_save_;
   std::vector<question> asked_;

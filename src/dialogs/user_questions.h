@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "dms/IDMSHelper.h"
@@ -51,6 +52,10 @@ class user_questions {
   // How to store the PDF made from `document`; its name and extension fill the prompt.
   // Empty when the user cancelled.
   virtual std::optional<how_to_save_answer> ask_how_to_save(const doc_description& document) = 0;
+
+  // Whether a question asked now would get an answer other than the Cancel of nobody; else
+  // false, and *why says why. Work that only an answer makes worth doing waits on it.
+  virtual bool someone_can_answer(std::string* why) = 0;
 };
 
 }  // namespace tarn

@@ -5,10 +5,13 @@ namespace tarn {
 attach_handler::attach_handler() = default;
 
 attach_handler::~attach_handler() {
-  if (!component_) return;
+  // Nothing was opened: saving would write to no file of ours.
+  if (!component_ || first_file_.empty()) {
+    component_.reset();
+    return;
+  }
   try {
     if (auto attach = component_.query(kIidPdfAttach)) {
-      // Even with no document open (handle -1): the component decides, and says nothing.
       attach->AttachSave(first_file_.string(), handle_, 0);
       attach->AttachTerm();
     }
@@ -29,10 +32,12 @@ bool attach_handler::attach_file(const std::filesystem::path& path) {
     HRESULT hr = E_FAIL;
     if (auto attach = component_.query(kIidPdfAttach)) {
       if (handle_ == kNoAttachDocument) {
-        first_file_ = path;
         int32_t handle = kNoAttachDocument;
         hr = attach->AttachOpen(path.string(), &handle, "");
-        if (SUCCEEDED(hr)) handle_ = handle;
+        if (SUCCEEDED(hr)) {
+          handle_ = handle;
+          first_file_ = path;
+        }
       } else {
         hr = attach->AttachInsert(handle_, path.string(), "", "", "", "", "", 0);
       }

@@ -1,6 +1,6 @@
 // Joins a series of PDF files into one through the PDF joining component. The merge is
 // finished by the destructor: only then is the joined file written, over the first file that
-// could be opened. Used on the task's thread only.
+// could be opened (joined_file()). Used on the task's thread only.
 #pragma once
 
 #include <cstdint>
@@ -25,6 +25,9 @@ class attach_handler {
   // out; if it was to be the first, the next file takes its place. True when the component took
   // the file. The file must stay in place until this object is destroyed.
   bool attach_file(const std::filesystem::path& path);
+
+  // The file the joined document goes to: the first one attached; empty while none is.
+  const std::filesystem::path& joined_file() const { return first_file_; }
 
  private:
   component<IPdfAttach> component_;   // created by the first attach_file()

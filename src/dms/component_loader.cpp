@@ -1,12 +1,14 @@
 #include "dms/component_loader.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <optional>
 
 #include "convutils/CConvRegKey.h"
 #include "dms/com_text.h"
 #include "log/trace.h"
+#include "platform/trusted_path.h"
 
 namespace tarn {
 namespace {
@@ -60,6 +62,11 @@ HRESULT create_component_object(std::string_view clsid, const char* iid, library
     return fail(kErrorModNotFound,
                 "class " + id + ": registered library \"" + path + "\" is not an absolute path",
                 err);
+  }
+
+  // A missing file is dlopen's to report.
+  if (std::string why; ::access(path.c_str(), F_OK) == 0 && !trusted_path(path, &why)) {
+    return fail(E_ACCESSDENIED, "class " + id + ": refusing to load " + path + ": " + why, err);
   }
 
   dlerror();

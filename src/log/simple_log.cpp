@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "log/log_text.h"
 #include "log/trace.h"
 
 namespace tarn {
@@ -28,7 +29,7 @@ void render_line(std::string& out, const simple_log_entry& entry) {
 }  // namespace
 
 simple_log_entry::simple_log_entry(std::string text, int32_t number)
-    : time_(ctime_text()), text_(std::move(text)), number_(number) {}
+    : time_(ctime_text()), text_(log_safe(text)), number_(number) {}
 
 simple_log::simple_log(const std::string& start_text)
     : start_(std::make_unique<simple_log_entry>(start_text, -1)) {}

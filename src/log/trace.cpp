@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include "log/log_text.h"
 
 namespace tarn {
 namespace {
@@ -59,9 +62,11 @@ void TraceLogPrintAll(int channel, traceLogLevel level, const char* file, int li
   int size = std::vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
   if (size > 0) {
-    text.resize(static_cast<size_t>(size) + 1);
+    // More than the line can show is never formatted: the cut comes later all the same.
+    const size_t kept = std::min(static_cast<size_t>(size), kMaxLogText + 1);
+    text.resize(kept + 1);
     std::vsnprintf(text.data(), text.size(), format, args);
-    text.resize(static_cast<size_t>(size));
+    text.resize(kept);
   }
   va_end(args);
 
@@ -76,7 +81,7 @@ void TraceLogPrintAll(int channel, traceLogLevel level, const char* file, int li
   out += ":";
   out += std::to_string(line);
   out += ": ";
-  out += text;
+  out += log_safe(text);
   out += "\n";
   const int saved = errno;
   for (size_t done = 0; done < out.size();) {

@@ -13,6 +13,11 @@
 #include "tasks/TaskWorker.h"
 
 namespace tarn {
+namespace {
+
+constexpr std::chrono::seconds kConnectionGrace{2};
+
+}  // namespace
 
 CTarnGateWayApp::CTarnGateWayApp() : CTarnGateWayApp(settings{}) {}
 
@@ -43,8 +48,12 @@ exit_code CTarnGateWayApp::InitInstance() {
 
 int CTarnGateWayApp::ExitInstance(int loop_code) {
   if (server_thread_ && server_thread_->joinable()) {
-    if (lifecycle_->stop_needed() && server_) server_->stop();
-    // stop() only interrupts; serve() returns once every connection has ended.
+    if (lifecycle_->stop_needed() && server_) {
+      server_->stop();
+      // stop() interrupts waiting reads; a client that holds a reply unread, or a request
+      // in progress, gets a moment to finish and then loses its connection.
+      if (!lifecycle_->wait_finished(kConnectionGrace)) end_connections(*server_);
+    }
     server_thread_->join();
   }
   return loop_code;

@@ -1,4 +1,8 @@
 // tarngateway: the per-user gateway process on port 9090.
+#include <malloc.h>
+#include <thrift/Thrift.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <QApplication>
 #include <cstdio>
@@ -60,6 +64,18 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "tarngateway: %s (see --help)\n", e.what());
     return tarn::kExitUsage;
   }
+
+  if (::geteuid() == 0) {
+    std::fprintf(stderr,
+                 "tarngateway: warning: running as root; every web page in a browser of this "
+                 "machine could then act as root. Run it as the desktop user.\n");
+  }
+  // Request buffers are freed after each big request; from the heap glibc would keep them.
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+  // Thrift's own reports name what a client sent: they go through the diagnostic channel,
+  // which makes them one line each.
+  apache::thrift::GlobalOutput.setOutputFunction(
+      [](const char* text) { TARN_TRACE(tarn::kTraceWarning, "%s", text); });
 
   use_offscreen_without_display();
   // A DISPLAY whose server has gone (a session that ended, a stale variable) would abort Qt

@@ -50,4 +50,13 @@ bool server_lifecycle::wait_listening(std::chrono::milliseconds timeout) {
   return phase_ == phase::listening;
 }
 
+bool server_lifecycle::wait_finished(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  MutexLock lock(mu_);
+  while (phase_ != phase::finished) {
+    if (changed_.wait_until(mu_, deadline) == std::cv_status::timeout) break;
+  }
+  return phase_ == phase::finished;
+}
+
 }  // namespace tarn

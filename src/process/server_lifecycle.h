@@ -35,6 +35,8 @@ class server_lifecycle : public apache::thrift::server::TServerEventHandler {
 
   // Any thread: waits until the server listens or its thread is done. True when it listens.
   bool wait_listening(std::chrono::milliseconds timeout);
+  // Any thread: waits until serve() has returned. True when it has.
+  bool wait_finished(std::chrono::milliseconds timeout);
 
  private:
   enum class phase { assembling, starting, listening, finished };

@@ -10,29 +10,31 @@
 
 namespace tarn {
 
-TaskWorker::TaskWorker(QObject* window) : hwnd_(window) {}
+TaskWorker::TaskWorker(QObject* window, std::chrono::milliseconds max_wait)
+    : hwnd_(window), max_wait_(max_wait) {}
 
-void TaskWorker::post(std::function<void()> task) {
+bool TaskWorker::post(std::function<void()> task) {
   bool stored = false;
-  {
-    MutexLock lock(mutex_);
-    if (!task_) {
-      task_ = std::move(task);
-      stored = true;
-    }
+  // A task that never ends (a dialog nobody answers) must not pin every connection thread.
+  if (!mutex_.try_lock_for(max_wait_)) return false;
+  if (!task_) {
+    task_ = std::move(task);
+    stored = true;
   }
+  mutex_.unlock();
   // The event carries nothing: it only wakes the window, which then takes the slot.
   // Posting happens outside the lock; run_pending() runs only on this event, so the order
   // between storing and waking can't be seen.
   if (stored && hwnd_) {
     QCoreApplication::postEvent(hwnd_.data(), new QEvent(kRunPendingEvent));
   }
+  return true;
 }
 
 void TaskWorker::run_pending() {
   std::optional<std::string> failure;
   {
-    MutexLock lock(mutex_);
+    TimedMutexLock lock(mutex_);
     if (!task_) return;
     try {
       task_();

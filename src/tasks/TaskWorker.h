@@ -6,6 +6,7 @@
 
 #include <QEvent>
 #include <QPointer>
+#include <chrono>
 #include <functional>
 
 #include "platform/mutex.h"
@@ -19,21 +20,25 @@ class TaskWorker {
  public:
   // `window` gets a kRunPendingEvent posted for each stored closure; its handler calls
   // run_pending(). Null is allowed (nothing is woken).
-  explicit TaskWorker(QObject* window);
+  // `max_wait` bounds how long post() waits for a running task to end.
+  explicit TaskWorker(QObject* window,
+                      std::chrono::milliseconds max_wait = std::chrono::minutes(10));
   TaskWorker(const TaskWorker&) = delete;
   TaskWorker& operator=(const TaskWorker&) = delete;
 
-  // Any thread. Blocks while a task runs. A task must never call it (the mutex isn't recursive).
-  void post(std::function<void()> task);
+  // Any thread. Blocks while a task runs, at most `max_wait`; false when it gave up and the
+  // closure is dropped. A task must never call it (the mutex isn't recursive).
+  bool post(std::function<void()> task);
   // Main thread only. Runs the waiting closure, if any, and always empties the slot, even
   // when the closure throws: the exception is logged and swallowed so that the next command
   // can run.
   void run_pending();
 
  private:
-  Mutex mutex_;  // held for the whole of a task
+  TimedMutex mutex_;  // held for the whole of a task
   std::function<void()> task_ TARN_GUARDED_BY(mutex_);
   const QPointer<QObject> hwnd_;
+  const std::chrono::milliseconds max_wait_;
 };
 
 }  // namespace tarn

@@ -1,5 +1,10 @@
 #include "tasks/create_pdf_task.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -18,8 +23,17 @@ constexpr const char* kWhere = "ERROR: create_pdf_task::do_work() ";
 // More same-named PDFs than this in the temporary folder means something else is wrong.
 constexpr int kMaxNameTries = 1000;
 
-// A dangling link counts as taken too: the conversion would write through it.
-bool taken_on_disk(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+// Takes `path` by making it, empty, only if nothing lies there, a dangling link included:
+// a name merely found free could be taken by someone else before the conversion writes it.
+bool take_on_disk(const fs::path& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    ::close(fd);
+    return true;
+  }
+  if (errno == EEXIST) return false;
+  throw std::system_error(errno, std::generic_category(), "can't create " + path.string());
+}
 
 }  // namespace
 
@@ -28,14 +42,16 @@ create_pdf_task::create_pdf_task(std::shared_ptr<simple_log> log,
                                  std::unique_ptr<attach_handler> attach,
                                  std::shared_ptr<user_questions> questions,
                                  std::string dms_connection, std::string dms_location,
-                                 std::set<std::string> doc_refs)
+                                 std::set<std::string> doc_refs,
+                                 std::shared_ptr<desktop_notifier> notifier)
     : log_(std::move(log)),
       dms_(std::move(dms)),
       attach_(std::move(attach)),
       dms_connection_(std::move(dms_connection)),
       dms_location_(std::move(dms_location)),
       doc_refs_(std::move(doc_refs)),
-      questions_(std::move(questions)) {}
+      questions_(std::move(questions)),
+      notifier_(std::move(notifier)) {}
 
 void create_pdf_task::do_work() {
   // The offices load while the documents are listed and fetched and the question is open.
@@ -54,11 +70,19 @@ void create_pdf_task::do_work() {
       log(std::string(kWhere) + "nothing to do.");
       return;
     }
+    for (const auto& ref : doc_refs_) {
+      if (std::none_of(documents.begin(), documents.end(),
+                       [&](const auto& doc) { return doc->doc_ref == ref; }))
+        outcome_.left_out.push_back({ref, left_out_reason::not_in_store});
+    }
     bool merge = false;
     std::optional<save_mode> mode;
     // Asked by the number of references, not of documents found: one refused reference of
     // two still brings up the dialog, with one row.
-    if (doc_refs_.size() > 1 && !ask_merge_sort(&documents, &merge, &mode)) documents.clear();
+    if (doc_refs_.size() > 1 && !ask_merge_sort(&documents, &merge, &mode)) {
+      documents.clear();
+      cancelled_ = true;
+    }
     // Every fetch comes before the first conversion.
     for (const auto& doc : documents) fetch(*doc);
     if (merge) {
@@ -73,6 +97,7 @@ void create_pdf_task::do_work() {
   // closing deletes the PDFs, or it would bring the first one back.
   attach_.reset();
   close_documents(documents);
+  notify();
 }
 
 bool create_pdf_task::ask_merge_sort(document_list* documents, bool* merge,
@@ -89,10 +114,14 @@ void create_pdf_task::fetch(doc_description& doc) {
   doc.item_id = dms_->download_file(dms_connection_, dms_location_, doc.doc_ref);
   if (doc.item_id.empty()) {
     log(std::string(kWhere) + "can't download file: \"" + doc.doc_ref + "\"");
+    leave_out(doc, left_out_reason::not_fetched);
     return;
   }
   fs::path local = dms_->get_localfilename(dms_connection_, doc.item_id);
-  if (local.empty()) return;
+  if (local.empty()) {
+    leave_out(doc, left_out_reason::not_fetched);
+    return;
+  }
   doc.local_file = std::move(local);
   try {
     doc.pdf_file = pdf_path_for(doc.local_file);
@@ -100,6 +129,7 @@ void create_pdf_task::fetch(doc_description& doc) {
   } catch (...) {
     // Without a PDF path the document is passed over; its item is closed all the same.
     log_failure(doc.doc_ref);
+    leave_out(doc, left_out_reason::not_converted);
   }
 }
 
@@ -109,7 +139,7 @@ fs::path create_pdf_task::pdf_path_for(const fs::path& local_file) {
   // Beside the local copy when nothing lies there. A path already taken, on disk or by
   // another document of this command, is never written over: the closing deletes every PDF
   // path, so it would take a file that this task didn't make.
-  auto taken = [&](const fs::path& path) { return pdf_paths_.count(path) || taken_on_disk(path); };
+  auto taken = [&](const fs::path& path) { return pdf_paths_.count(path) || !take_on_disk(path); };
   if (!taken(target)) return target;
   std::string err;
   const std::optional<fs::path> temp = private_temp_dir(&err);
@@ -127,6 +157,8 @@ std::vector<bool> create_pdf_task::convert_all(const document_list& documents) {
   std::vector<std::pair<std::string, std::string>> jobs;
   std::vector<size_t> job_documents;
   std::vector<bool> converted(documents.size(), false);
+  std::vector<left_out_reason> why(documents.size(), left_out_reason::not_converted);
+  std::vector<std::chrono::seconds> limit(documents.size(), std::chrono::seconds(0));
   for (size_t i = 0; i < documents.size(); ++i) {
     const doc_description& doc = *documents[i];
     if (doc.local_file.empty() || doc.pdf_file.empty()) continue;
@@ -137,15 +169,22 @@ std::vector<bool> create_pdf_task::convert_all(const document_list& documents) {
       job_documents.push_back(i);
     }
   }
-  const std::vector<bool> printed = PrintPDFsWithHelper(jobs);
-  for (size_t j = 0; j < jobs.size(); ++j) converted[job_documents[j]] = printed[j];
+  const std::vector<print_run> runs = PrintPDFsWithHelper(jobs);
+  for (size_t j = 0; j < jobs.size(); ++j) {
+    const size_t i = job_documents[j];
+    converted[i] = runs[j].printed;
+    why[i] = print_failure_reason(runs[j]);
+    limit[i] = runs[j].timed_out ? runs[j].limit : print_helper_convert_timeout();
+  }
   for (size_t i = 0; i < documents.size(); ++i) {
     const doc_description& doc = *documents[i];
     if (doc.local_file.empty() || doc.pdf_file.empty()) continue;
+    // The path was made empty when it was handed out: an empty file is no PDF.
     std::error_code ec;
-    if (converted[i] && fs::exists(doc.pdf_file, ec)) continue;
+    if (converted[i] && fs::file_size(doc.pdf_file, ec) > 0 && !ec) continue;
     converted[i] = false;
     log(std::string(kWhere) + "can't convert file: \"" + doc.doc_ref + "\"");
+    leave_out(doc, why[i], limit[i]);
     // Whatever a failed conversion left is no PDF to join or store. The path was free before.
     fs::remove(doc.pdf_file, ec);
   }
@@ -153,34 +192,51 @@ std::vector<bool> create_pdf_task::convert_all(const document_list& documents) {
 }
 
 void create_pdf_task::merged_branch(const document_list& documents, save_mode mode) {
-  std::shared_ptr<doc_description> merged;
+  std::shared_ptr<doc_description> first_pdf;
+  std::shared_ptr<doc_description> holder;
+  size_t joined = 0;
   const std::vector<bool> converted = convert_all(documents);
   for (size_t i = 0; i < documents.size(); ++i) {
     const auto& doc = documents[i];
     if (!converted[i]) continue;
     try {
-      // The first document with a PDF lends the result its name, folder and source.
-      if (!merged) merged = doc;
-      if (attach_) attach_->attach_file(doc->pdf_file);
+      if (!first_pdf) first_pdf = doc;
+      if (attach_ && attach_->attach_file(doc->pdf_file)) {
+        if (!holder) holder = doc;
+        ++joined;
+      }
     } catch (...) {
       log_failure(doc->doc_ref);
     }
   }
-  // Writes the joined PDF over the first one.
+  // Writes the joined PDF over the first one attached.
   attach_.reset();
+  // The document whose PDF holds the join lends it name, folder and source; without a
+  // joining component, the first PDF goes alone.
+  const std::shared_ptr<doc_description>& merged = holder ? holder : first_pdf;
   if (!merged) return;
   merged->saved_item_id =
       dms_->save_file_to_DMS(mode, merged->pdf_file, dms_connection_, dms_location_, merged->folder,
                              merged->pdf_name(), merged->doc_ref);
+  record_save(*merged, mode, std::max<size_t>(joined, 1));
 }
 
 void create_pdf_task::single_branch(const document_list& documents, std::optional<save_mode> mode) {
+  // Only a command of one document gets here without a mode: the merge dialog gives one.
+  // A PDF that nobody will be asked to store is not worth making.
+  if (std::string why; !mode && !questions_->someone_can_answer(&why)) {
+    for (const auto& doc : documents) {
+      if (doc->local_file.empty() || doc->pdf_file.empty()) continue;
+      log("HowToSaveDlg: " + why + "; \"" + doc->doc_ref +
+          "\" is not converted, nothing is stored");
+    }
+    return;
+  }
   const std::vector<bool> converted = convert_all(documents);
   for (size_t i = 0; i < documents.size(); ++i) {
     const auto& doc = documents[i];
     if (!converted[i]) continue;
     try {
-      // Only a command of one document gets here without a mode: the merge dialog gives one.
       if (!mode) {
         if (auto answer = questions_->ask_how_to_save(*doc)) mode = answer->chosen_save_mode();
       }
@@ -188,6 +244,7 @@ void create_pdf_task::single_branch(const document_list& documents, std::optiona
       doc->saved_item_id =
           dms_->save_file_to_DMS(*mode, doc->pdf_file, dms_connection_, dms_location_, doc->folder,
                                  doc->pdf_name(), doc->doc_ref);
+      record_save(*doc, *mode, 1);
     } catch (...) {
       log_failure(doc->doc_ref);
     }
@@ -210,6 +267,31 @@ void create_pdf_task::close_documents(const document_list& documents) noexcept {
     } catch (...) {
       log_failure(doc->doc_ref);
     }
+  }
+}
+
+void create_pdf_task::leave_out(const doc_description& doc, left_out_reason reason,
+                                std::chrono::seconds limit) {
+  outcome_.left_out.push_back(
+      {doc.name.empty() ? doc.doc_ref : doc.source_name(), reason, limit});
+}
+
+void create_pdf_task::record_save(const doc_description& doc, save_mode mode, size_t joined) {
+  if (doc.saved_item_id.empty()) {
+    leave_out(doc, left_out_reason::not_stored);
+    return;
+  }
+  outcome_.stored.push_back({doc.pdf_name(), mode, doc.doc_number, joined});
+}
+
+void create_pdf_task::notify() const noexcept {
+  // A Save As answered with Cancel leaves nothing stored and nothing left out: no word either.
+  if (!notifier_ || cancelled_) return;
+  try {
+    if (!notifications_enabled()) return;
+    if (auto n = create_pdf_notification(outcome_)) notifier_->show("", std::move(*n));
+  } catch (...) {
+    log_failure("");
   }
 }
 

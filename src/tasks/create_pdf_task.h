@@ -16,6 +16,8 @@
 #include "dms/attach_handler.h"
 #include "dms/doc_description.h"
 #include "log/simple_log.h"
+#include "notify/desktop_notifier.h"
+#include "notify/outcome_text.h"
 #include "tasks/task.h"
 
 namespace tarn {
@@ -23,11 +25,12 @@ namespace tarn {
 class create_pdf_task final : public task {
  public:
   // Starts nothing. `log` may be null; `questions` asks the merge-and-sort and how-to-save
-  // questions and must not be null.
+  // questions and must not be null. `notifier`, when set, tells the user how the command ended.
   create_pdf_task(std::shared_ptr<simple_log> log, std::shared_ptr<DMS_connector_handler> dms,
                   std::unique_ptr<attach_handler> attach, std::shared_ptr<user_questions> questions,
                   std::string dms_connection, std::string dms_location,
-                  std::set<std::string> doc_refs);
+                  std::set<std::string> doc_refs,
+                  std::shared_ptr<desktop_notifier> notifier = nullptr);
   create_pdf_task(const create_pdf_task&) = delete;
   create_pdf_task& operator=(const create_pdf_task&) = delete;
 
@@ -42,9 +45,14 @@ class create_pdf_task final : public task {
   bool ask_merge_sort(document_list* documents, bool* merge, std::optional<save_mode>* mode);
   void fetch(doc_description& doc);
   std::filesystem::path pdf_path_for(const std::filesystem::path& local_file);
-  // Makes each document's pdf_file, several at once; element i false (logged, nothing left at
-  // pdf_file) when no PDF came of document i.
+  // Makes each document's pdf_file, several at once; element i false (logged, left out,
+  // nothing left at pdf_file) when no PDF came of document i.
   std::vector<bool> convert_all(const document_list& documents);
+  void leave_out(const doc_description& doc, left_out_reason reason,
+                 std::chrono::seconds limit = {});
+  // Records what the store answered for the PDF of `doc`, made of `joined` documents.
+  void record_save(const doc_description& doc, save_mode mode, size_t joined);
+  void notify() const noexcept;
   void merged_branch(const document_list& documents, save_mode mode);
   void single_branch(const document_list& documents, std::optional<save_mode> mode);
   void close_documents(const document_list& documents) noexcept;
@@ -62,6 +70,9 @@ class create_pdf_task final : public task {
   std::shared_ptr<user_questions> questions_;
   // The PDF paths handed out so far, so that no two documents of the task share one.
   std::set<std::filesystem::path> pdf_paths_;
+  std::shared_ptr<desktop_notifier> notifier_;
+  create_pdf_outcome outcome_;
+  bool cancelled_ = false;  // the user said no: nothing is told
 };
 
 }  // namespace tarn

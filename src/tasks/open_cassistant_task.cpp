@@ -1,5 +1,9 @@
 #include "tasks/open_cassistant_task.h"
 
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <QStringDecoder>
 #include <cerrno>
 #include <cstring>
@@ -11,6 +15,7 @@
 #include "convutils/ConvUtils.h"
 #include "convutils/usage_reporter.h"
 #include "platform/private_temp.h"
+#include "platform/unique_fd.h"
 #include "tasks/task_documents_internal.h"
 
 namespace tarn {
@@ -19,6 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kWhere = "ERROR: open_cassistant_task::do_work() ";
+constexpr int kListNameTries = 10;
 
 std::string list_row_text(const std::string& path) {
   QStringDecoder decode(QStringDecoder::Utf8, QStringDecoder::Flag::ConvertInitialBom);
@@ -97,20 +103,21 @@ void open_cassistant_task::do_work() {
       }
       paths.push_back(std::move(path));
     }
+    if (copies_.empty()) remove_copies();
 
     // Without a whole list the assistant can't find the copies, nor delete them.
-    if (!write_list(paths, &list)) {
-      for (const auto& copy : copies_) remove_own_file(copy);
-      copies_.clear();
+    if (!write_list(paths, &list)) remove_copies();
+    // The path is the assistant's whole command line, unquoted. Without a list it would
+    // have nothing to work on.
+    if (!list.empty()) {
+      launched = LaunchConverter(list.string(), false, nullptr);
+      if (!launched) log(std::string(kWhere) + "can't start the assistant");
     }
-    // The path is the assistant's whole command line, unquoted.
-    launched = LaunchConverter(list.string(), false, nullptr);
-    if (!launched) log(std::string(kWhere) + "can't start the assistant");
   } catch (...) {
     log_failure("");
   }
   if (!launched) {
-    for (const auto& copy : copies_) remove_own_file(copy);
+    remove_copies();
     if (!list.empty()) remove_own_file(list);
   }
 }
@@ -136,9 +143,15 @@ fs::path open_cassistant_task::copy_to_temp(const fs::path& source) {
   const std::optional<fs::path> temp = private_temp_dir(&err);
   if (!temp) throw std::runtime_error("no temporary folder: " + err);
   if (same_folder(source.parent_path(), *temp)) return source;
-  // A file of the same name is replaced, but only by a whole copy: the copy is made beside it
-  // and then renamed over it.
-  const fs::path target = *temp / source.filename();
+  if (copies_dir_.empty()) {
+    std::string pattern = (*temp / (std::string(kAssistantCopiesPrefix) + "XXXXXX")).string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+      throw std::system_error(errno, std::generic_category(), "mkdtemp " + pattern);
+    copies_dir_ = pattern;
+  }
+  // Only a copy of this command can hold the name, from a document of the same file name: it
+  // is replaced by a whole copy, made beside it and renamed over it.
+  const fs::path target = copies_dir_ / source.filename();
   const fs::path part = target.native() + ".part";
   try {
     fs::copy_file(source, part, fs::copy_options::overwrite_existing);
@@ -159,15 +172,36 @@ bool open_cassistant_task::write_list(const std::vector<fs::path>& paths, fs::pa
     log(std::string(kWhere) + "can't name the list file in the temporary folder");
     return false;
   }
-  *list = fs::path(name).replace_extension("txt");
+  // The name was free a moment ago; the folder may be shared, so the file is made only if
+  // it still is, and never through a link.
+  unique_fd fd;
+  for (int attempt = 0; !fd && attempt < kListNameTries; ++attempt) {
+    if (attempt > 0) {
+      name.clear();
+      if (!GetUniqueTempFile(&name)) break;
+    }
+    *list = fs::path(name).replace_extension("txt");
+    fd.reset(::open(list->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd && errno != EEXIST) break;
+  }
+  if (!fd) {
+    log(std::string(kWhere) + "can't create \"" + list->string() + "\": " + std::strerror(errno));
+    list->clear();
+    return false;
+  }
   const std::string text = assistant_list_text(paths);
-  std::ofstream out(*list, std::ios::binary | std::ios::trunc);
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.close();
-  if (out) return true;
+  size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = ::write(fd.get(), text.data() + written, text.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    written += static_cast<size_t>(n);
+  }
+  if (written == text.size() && ::close(fd.release()) == 0) return true;
   const int error = errno;
   log(std::string(kWhere) + "can't write \"" + list->string() + "\": " + std::strerror(error));
   remove_own_file(*list);
+  list->clear();
   return false;
 }
 
@@ -180,6 +214,14 @@ void open_cassistant_task::remove_own_file(const fs::path& path) noexcept {
     } catch (...) {
     }
   }
+}
+
+void open_cassistant_task::remove_copies() noexcept {
+  for (const auto& copy : copies_) remove_own_file(copy);
+  copies_.clear();
+  if (copies_dir_.empty()) return;
+  if (::rmdir(copies_dir_.c_str()) != 0) remove_own_file(copies_dir_);
+  copies_dir_.clear();
 }
 
 void open_cassistant_task::log(const std::string& text) const {

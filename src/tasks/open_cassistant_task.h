@@ -41,12 +41,16 @@ class open_cassistant_task final : public task {
  private:
   // Fetches, copies and closes; a document without a copy keeps an empty local_file.
   void fetch(doc_description& doc);
-  // The copy's path: the source itself when it already lies directly in the temporary folder.
+  // The copy's path: the source itself when it already lies directly in the temporary folder,
+  // else in this command's own folder (copies_dir_), so that no file of the user's nor of
+  // another command is replaced.
   // Throws std::filesystem::filesystem_error (or runtime_error) when no copy can be made.
   std::filesystem::path copy_to_temp(const std::filesystem::path& source);
   // The list's path, empty when no free name was found; false when no whole list was written.
   bool write_list(const std::vector<std::filesystem::path>& paths, std::filesystem::path* list);
   void remove_own_file(const std::filesystem::path& path) noexcept;
+  // Removes the copies made and their folder.
+  void remove_copies() noexcept;
 
   void log(const std::string& text) const;
   // Logs the exception being handled, which ended the work on `doc_ref` (empty: the task's).
@@ -58,6 +62,7 @@ class open_cassistant_task final : public task {
   const std::string dms_location_;
   const std::set<std::string> doc_refs_;
   std::set<std::filesystem::path> copies_;  // the copies this task made
+  std::filesystem::path copies_dir_;        // made (mkdtemp, 0700) for the first copy
 };
 
 }  // namespace tarn

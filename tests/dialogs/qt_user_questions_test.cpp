@@ -1,14 +1,16 @@
 #include "dialogs/qt_user_questions.h"
 
+#include "convutils/CConvRegKey.h"
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
 #include "dialog_test_support.h"
 #include "dialogs/resizable_frame.h"
-#include "support/x_display.h"
 #include "log/simple_log.h"
 #include "support/run_program.h"
+#include "support/x_display.h"
 
 namespace tarn {
 namespace {
@@ -50,7 +52,9 @@ TEST_F(qt_user_questions_test, OnADisplayAsksInThisProcess) {
   EXPECT_THAT(log_->render(), ::testing::Not(HasSubstr("Dlg")));
 }
 
-TEST_F(qt_user_questions_test, WithoutADisplayTheRememberedChoicesAnswerAndTheLogSaysSo) {
+// Nobody there is Cancel, unless the machine's policy, else the user, lets the remembered
+// choices answer.
+TEST_F(qt_user_questions_test, WithoutADisplayNobodyAnswersUnlessUnattendedAnswersAreAllowed) {
   test::store("do_merge", 1);
   test::store("how_to_save", 2);
   test::store("saver_new_related", 0);
@@ -62,42 +66,74 @@ TEST_F(qt_user_questions_test, WithoutADisplayTheRememberedChoicesAnswerAndTheLo
     }
   });
   guard.start(0);
+  const struct {
+    std::optional<uint32_t> user, policy;
+    bool answered;
+  } cases[] = {
+      {std::nullopt, std::nullopt, false},
+      {1, std::nullopt, true},
+      {1, 0, false},
+      {0, 1, true},
+  };
   auto documents = test::numbered_docs(2);
-  auto asker = questions("offscreen");
-
-  auto merge = asker.ask_merge_sort(documents);
-  ASSERT_TRUE(merge);
-  EXPECT_EQ(merge->result, documents);
-  EXPECT_TRUE(merge->merge_documents_);
-  EXPECT_EQ(merge->chosen_save_mode(), kSaveNewDocument);
-  EXPECT_EQ(asker.ask_how_to_save(*documents[1])->chosen_save_mode(), kSaveNewDocument);
-  EXPECT_THAT(log_->render(),
-              HasSubstr(", MergeSortDlg: no display to ask on; taking the remembered choices: one "
-                        "PDF of all, saved as a new document, 2 files in the given order\n"));
-  EXPECT_THAT(log_->render(),
-              HasSubstr(", HowToSaveDlg: no display to ask on; taking the remembered choice for "
-                        "'Document 2.docx': saved as a new document\n"));
-  EXPECT_EQ(test::stored("how_to_save"), 2u) << "nobody answered: nothing is remembered anew";
-  EXPECT_FALSE(test::stored("merge_dialog_size"));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.user.value_or(9) << "/" << c.policy.value_or(9));
+    auto set = [](reg_root root, const char* key, std::optional<uint32_t> value) {
+      CConvRegKey reg(root, key, "UnattendedAnswers", DWORD{0});
+      if (value) reg.write_number(*value);
+    };
+    set(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay", c.user);
+    set(reg_root::local_machine, "Software\\Policies\\Vantu\\Tarn 5.0\\Preferences", c.policy);
+    log_ = std::make_shared<simple_log>("start");
+    auto asker = questions("offscreen");
+    std::string why;
+    EXPECT_EQ(asker.someone_can_answer(&why), c.answered);
+    auto merge = asker.ask_merge_sort(documents);
+    auto how = asker.ask_how_to_save(*documents[1]);
+    ASSERT_EQ(merge.has_value(), c.answered);
+    ASSERT_EQ(how.has_value(), c.answered);
+    if (c.answered) {
+      EXPECT_EQ(merge->result, documents);
+      EXPECT_TRUE(merge->merge_documents_);
+      EXPECT_EQ(merge->chosen_save_mode(), kSaveNewDocument);
+      EXPECT_EQ(how->chosen_save_mode(), kSaveNewDocument);
+      EXPECT_THAT(
+          log_->render(),
+          HasSubstr(", MergeSortDlg: no display to ask on; taking the remembered choices: "
+                    "one PDF of all, saved as a new document, 2 files in the given order\n"));
+      EXPECT_THAT(log_->render(),
+                  HasSubstr(", HowToSaveDlg: no display to ask on; taking the remembered choice "
+                            "for 'Document 2.docx': saved as a new document\n"));
+    } else {
+      EXPECT_EQ(why, "no display to ask on");
+      EXPECT_THAT(log_->render(), HasSubstr(", MergeSortDlg: no display to ask on; taken as "
+                                            "Cancel, nothing is stored\n"));
+      EXPECT_THAT(log_->render(), HasSubstr(", HowToSaveDlg: no display to ask on for 'Document "
+                                            "2.docx'; taken as Cancel, nothing is stored\n"));
+    }
+    EXPECT_EQ(test::stored("how_to_save"), 2u) << "nobody answered: nothing is remembered anew";
+    EXPECT_FALSE(test::stored("merge_dialog_size"));
+  }
 }
 
-TEST_F(qt_user_questions_test, AChildThatCannotShowTheQuestionLeavesTheRememberedChoices) {
+TEST_F(qt_user_questions_test, AChildThatEndsWithoutAnAnswerIsCancel) {
   const std::filesystem::path fake = env_.root() / "tarnask";
   // A descriptor the gateway forgot to mark close-on-exec, as a listening socket might be.
   const int leaked = open("/dev/null", O_RDONLY);
   const std::pair<std::string, const char*> cases[] = {
       // its script, what the log says
-      {"", "could not be started"},
+      {"", "No such file or directory"},
+      {"# anyone may change it", "tarnask can be written by others"},
       {"[ -e /proc/self/fd/" + std::to_string(leaked) + " ] && exit 5; exit 1",
-       "(tarnask could not open the display)"},
-      {"kill -SEGV $$", "(tarnask was ended by a signal)"},
+       "answer: tarnask could not open the display (at"},
+      {"kill -SEGV $$", "answer: tarnask was ended by a signal (at"},
       {"echo '{\"accepted\": tru'", "parse error"},
       {R"(echo '{"accepted":true,"merge_documents_":true,"save_new_":4294967296,)"
        R"("save_new_related_":true,"order":[0,1],"size":{"width":1,"height":1}}')",
        "out of range: 4294967296"},
       {R"(echo '{"accepted":true,"merge_documents_":true,"save_new_":1,)"
        R"("save_new_related_":true,"order":[0,7],"size":{"width":1,"height":1}}')",
-       "(tarnask gave back rows that weren't asked about)"},
+       "answer: tarnask gave back rows that weren't asked about (at"},
   };
   for (const auto& [script, why] : cases) {
     SCOPED_TRACE(script);
@@ -105,15 +141,18 @@ TEST_F(qt_user_questions_test, AChildThatCannotShowTheQuestionLeavesTheRemembere
     if (!script.empty()) {
       test::write_file(fake, "#!/bin/sh\ncat >/dev/null\n" + script + "\n");
       std::filesystem::permissions(fake, std::filesystem::perms::owner_all);
+      if (script.starts_with("# anyone"))
+        std::filesystem::permissions(fake, std::filesystem::perms::others_write,
+                                     std::filesystem::perm_options::add);
     }
     log_ = std::make_shared<simple_log>("start");
     // A name that isn't UTF-8 still makes a request: the bad bytes go as U+FFFD.
     auto merge = questions("offscreen", "DISPLAY=far.example:0\n", fake)
                      .ask_merge_sort({test::doc("bad \xff", "1"), test::doc("ok", "2")});
-    ASSERT_TRUE(merge);
-    EXPECT_FALSE(merge->merge_documents_);
-    EXPECT_THAT(log_->render(), HasSubstr("MergeSortDlg: could not be shown at DISPLAY="
-                                          "far.example:0 from the systemd user environment ("));
+    EXPECT_FALSE(merge);
+    EXPECT_THAT(log_->render(), HasSubstr("MergeSortDlg: the question ended without an answer: "));
+    EXPECT_THAT(log_->render(), HasSubstr("(at DISPLAY=far.example:0 from the systemd user "
+                                          "environment); taken as Cancel, nothing is stored"));
     EXPECT_THAT(log_->render(), HasSubstr(why));
     EXPECT_FALSE(test::stored("do_merge"));
   }

@@ -24,6 +24,12 @@ bool is_loaded(const char* path) {
 TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
   const std::string text_file = (env_.root() / "not_a_library.so").string();
   test::write_file(text_file, "plain text");
+  // A real component, but in a folder where anyone could have put it.
+  const std::filesystem::path open_dir = env_.root() / "open";
+  const std::string planted = (open_dir / "connector.so").string();
+  std::filesystem::create_directory(open_dir);
+  std::filesystem::copy_file(FAULT_CONNECTOR, planted);
+  std::filesystem::permissions(open_dir, std::filesystem::perms::all);
   const struct {
     const char* name;
     const char* clsid;
@@ -41,6 +47,9 @@ TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
       {"relative path", kClsidDmsConnector, "fault_connector.so", kErrorModNotFound,
        "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: registered library "
        "\"fault_connector.so\" is not an absolute path"},
+      {"folder anyone may write", kClsidDmsConnector, planted, E_ACCESSDENIED,
+       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: refusing to load " + planted + ": " +
+           open_dir.string() + " can be written by others"},
       {"not a library", kClsidDmsConnector, text_file, kErrorModNotFound,
        "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: can't load " + text_file + ": " + text_file +
            ": file too short"},

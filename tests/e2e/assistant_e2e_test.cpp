@@ -21,6 +21,10 @@ TEST_F(assistant_e2e_test, TheAssistantGetsACopyOfEachFoundDocumentAndMakesItsPd
                                 w_->make_document("Grüße.docx", "Juliettword")});
   ASSERT_EQ(refs.size(), 3u);
   const std::string missing = "999999.1";
+  // Files of the user's that bear a copy's name, in TMPDIR and in the private folder.
+  const std::filesystem::path users[] = {w_->shared_tmp() / "hotel.docx",
+                                         w_->temp() / "hotel.docx"};
+  for (const auto& file : users) write_file(file, "the user's own");
   w_->send_command(kConvertWithAssistant, {refs[0], refs[1], refs[2], missing});
 
   // The assistant deletes the copies and the list once each PDF is in place.
@@ -28,12 +32,19 @@ TEST_F(assistant_e2e_test, TheAssistantGetsACopyOfEachFoundDocumentAndMakesItsPd
   ASSERT_TRUE(eventually([&] {
     for (const auto& [name, text] : documents)
       if (!std::filesystem::exists(out / (name + ".pdf"))) return false;
-    return w_->temp_files().empty();
-  })) << "temp: " << ::testing::PrintToString(w_->temp_files()) << "\n" << w_->trace();
+    return w_->temp_files() == std::vector<std::string>{"hotel.docx"};
+  })) << "temp: "
+      << ::testing::PrintToString(w_->temp_files()) << "\n"
+      << w_->trace();
   for (const auto& [name, text] : documents)
     EXPECT_THAT(pdf_text(out / (name + ".pdf")), HasSubstr(text));
+  for (const auto& file : users) {
+    EXPECT_EQ(read_file(file), "the user's own") << file;
+    std::filesystem::remove(file);
+  }
 
-  EXPECT_THAT(w_->logs(), HasSubstr("pDMSHelper->DocGetProperties(\"\", \"\", \"" + missing + "\") -> "));
+  EXPECT_THAT(w_->logs(),
+              HasSubstr("pDMSHelper->DocGetProperties(\"\", \"\", \"" + missing + "\") -> "));
   for (const auto& ref : refs)
     EXPECT_EQ(w_->dms({"show", ref}).at("versions"), 1) << "the store is only read";
 }

@@ -23,25 +23,6 @@ const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
 const std::string kVersionReply =
     R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
 
-struct process_facts {
-  size_t fds = 0;
-  size_t threads = 0;
-  long rss_kib = 0;
-};
-
-process_facts facts_of(pid_t pid) {
-  const fs::path proc = "/proc/" + std::to_string(pid);
-  process_facts facts;
-  for (auto it = fs::directory_iterator(proc / "fd"); it != fs::directory_iterator(); ++it)
-    ++facts.fds;
-  std::ifstream status(proc / "status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmRSS:")) facts.rss_kib = std::stol(line.substr(6));
-    if (line.starts_with("Threads:")) facts.threads = std::stoul(line.substr(8));
-  }
-  return facts;
-}
-
 // Every path under `root` but those the gateway's own run writes anyway.
 std::set<std::string> sandbox_paths(const fs::path& root) {
   std::set<std::string> paths;
@@ -71,7 +52,7 @@ TEST_F(bad_input_e2e_test, ReferencesThatNameNoDocumentAreLoggedAndTouchNothing)
   const auto real = w_->import({w_->make_document("kilo.txt", "Kiloword")});
   ASSERT_EQ(real.size(), 1u);
   const std::vector<std::string> refs = {
-      "\"quoted\" 'too'", "../../../etc/passwd", "a/b\\c", "..", std::string(5000, '7') + ".1",
+      "\"quoted\" 'too'", "../../../etc/passwd", "a/b\\c", "..", std::string(98, '7') + ".1",
       "Grüße-日本.1", "999999.1", "1.1 OR 1=1", "default:0.1"};
   const nlohmann::json store_before = w_->list();
   const auto paths_before = sandbox_paths(w_->env().root());

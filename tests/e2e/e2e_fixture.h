@@ -13,7 +13,7 @@
 
 namespace tarn::test {
 
-// The environment every gateway of these tests runs in; DISPLAY unset.
+// The environment every gateway of these tests runs in; no display, no session bus.
 inline void prepare_sandbox(scoped_test_env& env) {
   write_file(env.root() / "machine-info", "CHASSIS=desktop\n");
   env.set_env("TARN_MACHINE_INFO", (env.root() / "machine-info").string());
@@ -22,7 +22,8 @@ inline void prepare_sandbox(scoped_test_env& env) {
   std::filesystem::create_directories(runtime);
   std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
   env.set_env("XDG_RUNTIME_DIR", runtime.string());
-  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+  for (const char* name :
+       {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "DBUS_SESSION_BUS_ADDRESS"})
     env.set_env(name, std::nullopt);
 }
 

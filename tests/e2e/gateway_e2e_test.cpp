@@ -3,8 +3,10 @@
 // wire format belongs to the in-process server tests.
 #include <signal.h>
 
+#include <algorithm>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "canned_http_server.h"
 #include "convutils/CConvRegKey.h"
@@ -167,6 +169,48 @@ TEST_F(gateway_e2e_test, EachStopSignalEndsTheGatewayInTimeWithAClientConnected)
   // Before the handler is installed the default action ends it: 128 + 15.
   EXPECT_TRUE(*code == 0 || *code == 128 + SIGTERM) << *code;
   EXPECT_FALSE(port_answers());
+}
+
+// A command any web page can post stores nothing when nobody can be asked: neither one
+// document (not even converted) nor several.
+TEST_F(gateway_e2e_test, WithoutADisplayNobodyAnswersAndNothingIsStored) {
+  auto tarnctl = [](std::vector<std::string> args) {
+    args.insert(args.begin(), dist_program("tarnctl"));
+    const program_result r = run_program(args);
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    return r.out;
+  };
+  tarnctl({"setup"});
+  write_file(env_.root() / "a.txt", "alpha\n");
+  write_file(env_.root() / "b.txt", "bravo\n");
+  tarnctl({"dms", "import", (env_.root() / "a.txt").string(), (env_.root() / "b.txt").string()});
+  // Had the remembered choices answered, each document would get a new version.
+  CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\iManage", "how_to_save", DWORD{0})
+      .write_number(1);
+  set_feature_flag(4);
+  auto gateway = start_listening("no-display");
+  raw_http_client client(kPort);
+  for (const char* refs : {R"("str",1,"1.1")", R"("str",2,"1.1","2.1")"}) {
+    EXPECT_EQ(call(client, std::string(R"([1,"send_command",1,1,{"1":{"i32":0},"2":{"str":""},)") +
+                               R"("3":{"str":""},"4":{"set":[)" + refs + "]}}]"),
+              R"([1,"send_command",2,1,{}])");
+  }
+  const std::string nobody[] = {
+      "HowToSaveDlg: no display to ask on; \"1.1\" is not converted, nothing is stored",
+      "MergeSortDlg: no display to ask on; taken as Cancel, nothing is stored"};
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  std::string logs;
+  while (std::chrono::steady_clock::now() < deadline && logs.find(nobody[1]) == std::string::npos) {
+    std::this_thread::sleep_for(50ms);
+    logs = body_of(get("/logs"));
+  }
+  for (const auto& line : nobody) EXPECT_NE(logs.find(line), std::string::npos) << logs;
+  EXPECT_EQ(gateway->error_output().find("TarnPrintHelper"), std::string::npos)
+      << "nothing converted";
+  stop(*gateway);
+  const std::string stored = tarnctl({"dms", "list", "--json"});
+  EXPECT_EQ(std::count(stored.begin(), stored.end(), '{'), 2) << stored;
+  EXPECT_EQ(stored.find("\"versions\": 2"), std::string::npos) << stored;
 }
 
 }  // namespace

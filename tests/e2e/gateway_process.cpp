@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include <fstream>
+
 #include "support/run_program.h"
 #include "support/test_env.h"
 #include "web/raw_http_client.h"
@@ -30,6 +32,19 @@ bool gateway_process::wait_listening(std::chrono::milliseconds deadline) {
 }
 
 std::string gateway_process::error_output() const { return read_file(err_path_); }
+
+process_facts facts_of(pid_t pid) {
+  const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+  process_facts facts;
+  for (auto it = std::filesystem::directory_iterator(proc / "fd"); it != std::filesystem::directory_iterator(); ++it)
+    ++facts.fds;
+  std::ifstream status(proc / "status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) facts.rss_kib = std::stol(line.substr(6));
+    if (line.starts_with("Threads:")) facts.threads = std::stoul(line.substr(8));
+  }
+  return facts;
+}
 
 bool port_answers() {
   try {

@@ -40,6 +40,14 @@ class gateway_process {
   std::unique_ptr<child_process> child_;
 };
 
+// What /proc tells of a process.
+struct process_facts {
+  size_t fds = 0;
+  size_t threads = 0;
+  long rss_kib = 0;
+};
+process_facts facts_of(pid_t pid);
+
 // True when something accepts connections on 127.0.0.1:9090.
 bool port_answers();
 

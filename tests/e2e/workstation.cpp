@@ -94,6 +94,12 @@ void workstation::end() { the_workstation().reset(); }
 
 workstation::workstation() {
   prepare_sandbox(env_);
+  // TMPDIR open to every user, as /tmp is: the programs keep to a private folder inside it.
+  fs::create_directories(shared_tmp());
+  fs::permissions(shared_tmp(), fs::perms::all | fs::perms::sticky_bit);
+  env_.set_env("TMPDIR", shared_tmp().string());
+  fs::create_directory(temp());
+  fs::permissions(temp(), fs::perms::owner_all);
   x_ = std::make_unique<x_display>();
   if (!x_->started()) {
     why_ = x_->why();
@@ -101,6 +107,21 @@ workstation::workstation() {
   }
   // The gateway, xdotool and nothing else of the test see this display.
   env_.set_env("DISPLAY", x_->display());
+  notes_ = std::make_unique<notification_service>(x_->display(), env_.root() / "notifications");
+  if (!notes_->started()) {
+    why_ = notes_->why();
+    return;
+  }
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS", notes_->address());
+  // What xdg-open starts for a folder: a note of which one.
+  const fs::path opener = env_.root() / "open-folder";
+  write_file(opener, "#!/bin/sh\necho \"$1\" >> \"$0.log\"\n");
+  fs::permissions(opener, fs::perms::owner_all);
+  write_file(env_.home() / ".local/share/applications/tarn-test-folder.desktop",
+             "[Desktop Entry]\nType=Application\nName=Folder\nExec=" + opener.string() +
+                 " %f\nMimeType=inode/directory;\n");
+  write_file(env_.home() / ".config/mimeapps.list",
+             "[Default Applications]\ninode/directory=tarn-test-folder.desktop\n");
   for (const program_result& r : {tarnctl({"setup"}), set_dword("TarnGateWay", "Tarn_GateWay_fetatures", 4)}) {
     if (r.exit_code != 0) {
       why_ = "tarnctl failed: " + r.err;
@@ -111,9 +132,18 @@ workstation::workstation() {
     why_ = "something already listens on port 9090";
     return;
   }
-  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway");
-  if (!gateway_->wait_listening())
-    why_ = "the gateway didn't listen:\n" + gateway_->error_output();
+  if (!restart_gateway(true)) why_ = "the gateway didn't listen:\n" + gateway_->error_output();
+}
+
+bool workstation::restart_gateway(bool with_bus) {
+  if (gateway_ && gateway_->started()) {
+    gateway_->send_signal(SIGTERM);
+    EXPECT_EQ(gateway_->wait_exit(), std::optional<int>(0)) << gateway_->error_output();
+  }
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS",
+               with_bus ? std::optional<std::string>(notes_->address()) : std::nullopt);
+  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway" + std::to_string(++gateways_));
+  return gateway_->wait_listening();
 }
 
 workstation::~workstation() {
@@ -123,7 +153,8 @@ workstation::~workstation() {
   }
   gateway_.reset();
   // tarnprint leaves its office running for the next document; this one is the test's.
-  end_office_worker(env_.tmp());
+  end_office_worker(temp());
+  notes_.reset();
   x_.reset();
 }
 
@@ -216,13 +247,13 @@ size_t workstation::trace_count(const std::string& text) const {
 std::vector<std::string> workstation::temp_files() const {
   std::vector<std::string> files;
   std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(env_.tmp(), ec);
+  for (auto it = fs::recursive_directory_iterator(temp(), ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (it.depth() == 0 && it->path().filename() == "tarnoffice") {
       it.disable_recursion_pending();
       continue;
     }
-    if (!it->is_directory(ec)) files.push_back(fs::relative(it->path(), env_.tmp()).string());
+    if (!it->is_directory(ec)) files.push_back(fs::relative(it->path(), temp()).string());
   }
   return files;
 }

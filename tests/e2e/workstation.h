@@ -1,10 +1,11 @@
-// One workstation for the tests of the two commands: a sandbox, a private X display, the install
-// folder registered with `tarnctl setup`, a private document store, and one gateway on port
-// 9090 with the log page on. Made on first use and ended when the test program ends, so that
+// One workstation for the tests of the two commands: a sandbox, a private X display with a
+// notification service on a private session bus, the install folder registered with `tarnctl
+// setup`, a private document store, and one gateway on port 9090 with the log page on. Made on first use and ended when the test program ends, so that
 // every test shares the gateway and its warm office.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "gateway_process.h"
+#include "notification_service.h"
 #include "support/test_env.h"
 #include "support/x_display.h"
 
@@ -47,6 +49,9 @@ class workstation {
   const scoped_test_env& env() const { return env_; }
   const x_display& x() const { return *x_; }
   gateway_process& gateway() { return *gateway_; }
+  const notification_service& notes() const { return *notes_; }
+  // Ends the gateway and starts another, on the session bus or with none at all.
+  bool restart_gateway(bool with_bus);
 
   // A small document whose only text is `text`: .docx, else plain text, by `name`.
   std::filesystem::path make_document(const std::string& name, const std::string& text);
@@ -75,10 +80,10 @@ class workstation {
   // How often `text` ends a line of the diagnostic channel.
   size_t trace_count(const std::string& text) const;
 
-  std::filesystem::path temp() const { return env_.tmp(); }
-  std::filesystem::path assistant_output() const {
-    return env_.home() / "Documents" / "Tarn PDF";
-  }
+  // TMPDIR, which every user may write, and the private folder the programs make in it.
+  std::filesystem::path shared_tmp() const { return env_.root() / "shared-tmp"; }
+  std::filesystem::path temp() const { return shared_tmp() / ("tarn-" + std::to_string(getuid())); }
+  std::filesystem::path assistant_output() const { return env_.home() / "Documents" / "Tarn PDF"; }
   // Files below the private temporary folder but the warm office's: documents left open, PDFs
   // not deleted. Empty after every finished task.
   std::vector<std::string> temp_files() const;
@@ -90,7 +95,9 @@ class workstation {
 
   scoped_test_env env_;
   std::unique_ptr<x_display> x_;
+  std::unique_ptr<notification_service> notes_;
   std::unique_ptr<gateway_process> gateway_;
+  int gateways_ = 0;
   std::string why_;
   int seqid_ = 1;
   int made_ = 0;
@@ -103,10 +110,12 @@ class workstation_test : public ::testing::Test {
     w_ = &workstation::get();
     ASSERT_TRUE(w_->ready()) << w_->why();
   }
-  // A question that a failed test left open would hold every later command.
+  // A question that a failed test left open would hold every later command; an assistant
+  // waits while its last notification offers to open the folder.
   void TearDown() override {
-    if (w_ != nullptr && w_->ready())
-      w_->x().close_questions({"Merge items to one PDF", "Save As"});
+    if (w_ == nullptr || !w_->ready()) return;
+    w_->x().close_questions({"Merge items to one PDF", "Save As"});
+    w_->notes().close_all();
   }
   workstation* w_ = nullptr;
 };

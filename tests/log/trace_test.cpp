@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "log/log_text.h"
 #include "log/simple_log.h"
 
 namespace tarn {
@@ -54,6 +55,37 @@ TEST_F(trace_test, LogEntriesGoToTheChannelOnlyWhenItIsOn) {
   EXPECT_NE(out.find(": loud\n"), std::string::npos) << out;
   // Both entries are in the history either way.
   EXPECT_NE(log.render().find("quiet"), std::string::npos);
+}
+
+TEST(log_text, ControlBytesAreEscapedAndLongTextCutVisibly) {
+  const std::string cut(kLogCutMark);
+  const struct {
+    std::string text;
+    size_t limit;
+    std::string safe;
+  } cases[] = {
+      {"plain C:\\path \"q\"", 1024, "plain C:\\path \"q\""},
+      {"a\r\n<0>b\tc", 1024, "a\\r\\n<0>b\\tc"},
+      {std::string("nul\0esc\x1b del\x7f", 13), 1024, "nul\\x00esc\\x1b del\\x7f"},
+      {"Grüße", 1024, "Grüße"},
+      {"0123456789ABCDEF", 16, "0123456789ABCDEF"},
+      {"0123456789ABCDEFG", 16, "01234567" + cut},
+      {"0123456\n89ABCDEFGH", 16, "0123456" + cut},  // no half escape
+      {"0123456ü123456789", 16, "0123456" + cut},  // no half character
+      {std::string(1 << 20, '\n'), 1024, [&] {
+         std::string lf;
+         while (lf.size() + 2 <= 1024 - cut.size()) lf += "\\n";
+         return lf + cut;
+       }()},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 40));
+    EXPECT_EQ(log_safe(c.text, c.limit), c.safe);
+    EXPECT_EQ(log_safe(c.safe, c.limit), c.safe) << "a safe text stays as it is";
+  }
+  simple_log log("start");
+  log.add("forged\n[0] line");
+  EXPECT_NE(log.render().find("forged\\n[0] line\n"), std::string::npos);
 }
 
 }  // namespace

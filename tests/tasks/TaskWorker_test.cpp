@@ -90,6 +90,20 @@ TEST_F(TaskWorker_test, PostDuringATaskWaitsForItsEndThenRuns) {
   EXPECT_EQ(ran_, (std::vector<std::string>{"first", "second"}));
 }
 
+TEST_F(TaskWorker_test, PostGivesUpWhenATaskOutlastsTheWait) {
+  worker_ = std::make_unique<TaskWorker>(&window_, std::chrono::milliseconds(50));
+  window_.worker = worker_.get();
+  bool handed_over = true;
+  worker_->post([&] {
+    std::thread poster([&] { handed_over = worker_->post(record("late")); });
+    poster.join();  // the task outlasts the poster's wait
+  });
+  run_events();
+  run_events();
+  EXPECT_FALSE(handed_over);
+  EXPECT_EQ(ran_, std::vector<std::string>());
+}
+
 TEST_F(TaskWorker_test, ThrowingTaskIsReportedAndEmptiesTheSlot) {
   env_.set_env("TARN_TRACE", "85");
   worker_->post([] { throw std::runtime_error("disk gone"); });

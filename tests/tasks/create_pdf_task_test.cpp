@@ -35,6 +35,7 @@ struct scenario {
   Lines asked;         // the questions, with their rows or prompt
   bool fetches = true;
   bool real_helper = false;
+  bool nobody = false;  // no display, no unattended answers
 };
 void PrintTo(const scenario& s, std::ostream* out) { *out << s.what; }
 
@@ -86,6 +87,9 @@ const scenario kScenarios[] = {
                  {kReport + " [derived 2]", kDerived}),
     one_document("AsNewVersion", save_as(kHowNewVersion, true), {kReport, "1.2" + kPrinted}),
     one_document("SaveCancelled", cancel, {kReport}),
+    // A failing helper would log its failure: nothing tried to convert.
+    {"NobodyToAskConvertsNothing", {{"report", "docx", "FAIL"}}, {"1.1"}, {}, {}, {}, {kReport},
+     {}, true, false, true},
     {"EachDocumentByItsKind",
      {{"b", "txt", "b"}, {"x", "xps", "xps Xps"}, {"o", "oxps", "oxps Open"}, {"c", "XPS", ""}},
      {"1.1", "2.1", "3.1", "4.1"}, versions, {}, {},
@@ -112,6 +116,12 @@ const scenario kScenarios[] = {
      {"1.1 a.pdf in a: A.1 A.2", "2.1 b.pdf in b", "3.1 c.pdf in c [derived 4]: C.1",
       "4.1 c.pdf in c [source 3]: C.1 A.1 A.2"},
      {"MergeSortDlg a b c"}, true, true},
+    {"MergeLentByTheFirstJoinedNotTheFirstConverted",
+     {{"a", "txt", "a"}, {"x", "xps", "xps X"}, {"y", "xps", "xps Y"}},
+     {"1.1", "2.1", "3.1"}, merge_as_is, {}, {},
+     {"1.1 a.txt in a", "2.1 x.xps in x [derived 4]", "3.1 y.xps in y",
+      "4.1 x.pdf in x [source 2]: X Y"},
+     {"MergeSortDlg a x y"}},
     {"MergeOfSameNamedFilesKeepsBoth", {{"t", "pdf", "pdf T 1"}, {"t", "pdf", "pdf U 1"}},
      {"1.1", "2.1"}, merge_unrelated, {}, {},
      {"1.1 t.pdf in t: T.1", "2.1 t.pdf in t: U.1", "3.1 t.pdf in t: T.1 U.1"},
@@ -173,6 +183,7 @@ TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
   for (const auto& doc : s.documents) store(doc);
   if (s.merge) questions_->then_merge_sort(s.merge);
   if (s.save) questions_->then_how_to_save(s.save);
+  if (s.nobody) questions_->nobody_answers();
   run(s.refs, "");
   EXPECT_EQ(log_texts("ERROR:"), s.lines);
   EXPECT_EQ(store_summary(), s.store);
@@ -247,8 +258,15 @@ TEST_F(create_pdf_task_test, TakenPdfPathsAreNeverWrittenOver) {
   EXPECT_NE(connector.calls().find("SaveDocItem(2, " + (env_.tmp() / "item1 (2).pdf").string()),
             std::string::npos);
 
-  ASSERT_EQ(::chown(env_.tmp().c_str(), getuid() + 1, -1), 0);  // no longer the user's own
+  // No private folder anywhere: the temporary folder is open to others and can't take
+  // another, and the cache is no folder.
+  test::write_file(env_.tmp() / "item3.docx", "");
+  test::write_file(env_.root() / "no-cache", "");
+  env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+  fs::permissions(env_.tmp(), fs::perms::owner_read | fs::perms::owner_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
   run({"d2"});
+  fs::permissions(env_.tmp(), fs::perms::owner_all);
   const Lines lines = log_texts("ERROR:");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_TRUE(lines[0].starts_with(kFail + "failed for \"d2\": no temporary folder: ")) << lines[0];

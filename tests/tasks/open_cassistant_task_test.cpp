@@ -38,21 +38,31 @@ class open_cassistant_task_test : public test::task_fixture {
 };
 
 // The rows lead the real assistant to the copies, whatever their names, and a document that
-// couldn't be fetched keeps its place as an empty row.
+// couldn't be fetched keeps its place as an empty row. The copies lie in a folder of their
+// own: a file of the user's with a copy's name is neither replaced nor deleted.
 TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
   const fs::path pdf = env_.root() / "source.pdf";
   test::write_test_pdf(pdf, "P", 1);
   const std::string names[] = {"lost", "Gr\u00fc\u00dfe", "\u65e5\u672c report"};
   for (const auto& name : names) add_document_from(pdf, name, "pdf");
   lose_content("1.1");
+  const fs::path users = env_.tmp() / (names[2] + ".pdf");
+  test::write_file(users, "the user's own");
   run({"3.1", "1.1", "2.1"});
 
   fs::path list;
-  const std::string tmp = env_.tmp().string();
-  EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"\"\r\n2=\"" + tmp +
-                                     "/Gr\xfc\xdf"
-                                     "e.pdf\"\r\n3=\"" +
-                                     tmp + "/" + names[2] + ".pdf\"\r\n");
+  const std::string text = started_list(&list);
+  fs::path copies;
+  for (const auto& name : test::names_in(env_.tmp()))
+    if (name.starts_with("tarnassist-")) copies = env_.tmp() / name;
+  ASSERT_FALSE(copies.empty()) << text;
+  EXPECT_EQ(text, "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"\"\r\n2=\"" + copies.string() +
+                      "/Gr\xfc\xdf"
+                      "e.pdf\"\r\n3=\"" +
+                      copies.string() + "/" + names[2] + ".pdf\"\r\n");
+  struct stat st;
+  ASSERT_EQ(stat(copies.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
   EXPECT_EQ(list.parent_path(), env_.tmp());
   EXPECT_TRUE(list.filename().string().starts_with("ss_") && list.extension() == ".txt") << list;
   EXPECT_EQ(log_texts("ERROR:"),
@@ -64,8 +74,11 @@ TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
     EXPECT_EQ(test::pdf_page_labels(env_.home() / "Documents/Tarn PDF" / (name + ".pdf")),
               Lines{"P.1"})
         << name;
-  // The assistant deleted the copies and the list; the items' copies went when they closed.
-  EXPECT_EQ(files_in_temp(), Lines{});
+  // The assistant deleted the copies, their folder and the list; the items' copies went when
+  // they closed.
+  EXPECT_EQ(files_in_temp(), Lines{users.filename().string()});
+  EXPECT_EQ(test::read_file(users), "the user's own");
+  EXPECT_FALSE(fs::exists(copies));
 }
 
 TEST_F(open_cassistant_task_test, ListRowsAreLatin1OrTheirOwnBytes) {
@@ -74,29 +87,32 @@ TEST_F(open_cassistant_task_test, ListRowsAreLatin1OrTheirOwnBytes) {
             "3=\"/t/\xe2\x82\xac\"\r\n4=\"/t/bad\xff\"\r\n");
 }
 
-// Copies that no assistant will take are deleted again; a copy that fails leaves its row empty.
+// Without a list nothing is started; copies that no assistant will take are deleted again.
 TEST_F(open_cassistant_task_test, WhatTheAssistantCantTakeIsTakenBack) {
   const std::string one = add_document("one", "txt", "1");
   const std::string two = add_document("two", "txt", "2");
-  test::write_file(env_.tmp() / "one.txt" / "blocker", "");  // a folder where the copy goes
+  // The store's cache folder stays writable; the temporary folder itself doesn't.
+  fs::create_directory(env_.tmp() / "dms_local");
+  fs::permissions(env_.tmp(), fs::perms::owner_read | fs::perms::owner_exec);
   run({one, two});
-  fs::path list;
-  EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=2\r\nDelete=1\r\n1=\"\"\r\n2=\"" +
-                                     (env_.tmp() / "two.txt").string() + "\"\r\n");
+  fs::permissions(env_.tmp(), fs::perms::owner_all);
   const Lines lines = log_texts("ERROR:");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].starts_with(
-      "ERROR: open_cassistant_task::do_work() failed for \"1.1\": filesystem error"))
+  ASSERT_EQ(lines.size(), 3u) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(
+      lines[0].starts_with("ERROR: open_cassistant_task::do_work() failed for \"1.1\": mkdtemp "))
       << lines[0];
-  EXPECT_EQ(files_in_temp(), (Lines{"one.txt/blocker", list.filename().string(), "two.txt"}));
+  EXPECT_EQ(lines[2],
+            "ERROR: open_cassistant_task::do_work() can't name the list file in the "
+            "temporary folder");
+  EXPECT_EQ(files_in_temp(), Lines{});
 
-  for (const auto& file : {env_.tmp() / "one.txt", list, env_.tmp() / "two.txt"})
-    fs::remove_all(file);
   fs::remove(install_ / "tarnassist");
   run({one, two});
   EXPECT_EQ(log_texts("ERROR:").back(),
             "ERROR: open_cassistant_task::do_work() can't start the assistant");
   EXPECT_EQ(files_in_temp(), Lines{});
+  for (const auto& name : test::names_in(env_.tmp()))
+    EXPECT_FALSE(name.starts_with("tarnassist-")) << "the copies' folder stays";
 }
 
 TEST_F(open_cassistant_task_test, EveryFetchedItemIsClosedBeforeTheNext) {

@@ -245,7 +245,7 @@ TEST_F(thrift_http_server_test, BadRequestEndsItsConnectionWithoutAReply) {
       {"POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", "bad Content-Length: -1"},
       {"POST / HTTP/1.1\r\nContent-length:\r\n\r\n", "bad Content-Length:"},
       {"POST / HTTP/1.1\r\nContent-Length: 4294967320\r\n\r\n",
-       "Content-Length over 104857600 bytes: 4294967320"},
+       "Content-Length over 2097152 bytes: 4294967320"},
       // TJSONProtocol alone would run these with a made-up command number.
       {post(R"([1,"send_command",1,5,{"1":{"i32":}}])"), "request body isn't JSON"},
       {post(R"([1,"send_command",1,5,{"1":{"i32":-}}])"), "request body isn't JSON"},
@@ -280,8 +280,8 @@ TEST_F(thrift_http_server_test, RequestOverItsLimitsEndsOnlyItsConnection) {
   limits.read_timeout = std::chrono::milliseconds(300);
   server_ = start(nullptr, limits);
   const std::string kTimedOut = "TSocket::read() THRIFT_EAGAIN (timed out)";
-  // Over the budget even without the first read's bytes, which come before the request line.
-  const std::string over(1024 * 1024 + 8000, 'x');
+  // Over the budget (body and head limits) even without the first read's bytes.
+  const std::string over(64 * 1024 + 8000, 'x');
   // The body starts a JSON string that its chunks go on filling.
   const std::string chunk = "1000\r\n" + std::string(0x1000, 'a') + "\r\n";
   std::string chunks = "4\r\n[1,\"\r\n";
@@ -299,11 +299,11 @@ TEST_F(thrift_http_server_test, RequestOverItsLimitsEndsOnlyItsConnection) {
       {"content length", "POST / HTTP/1.1\r\nContent-Length: 1001\r\n\r\n",
        "TConnectedClient died: Content-Length over 1000 bytes: 1001"},
       {"chunks", "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks,
-       "TConnectedClient died: request larger than 1049576 bytes"},
+       "TConnectedClient died: request larger than 66536 bytes"},
       {"endless header", "POST / HTTP/1.1\r\nX: " + over,
-       "TConnectedClient died: request larger than 1049576 bytes"},
+       "TConnectedClient died: request larger than 66536 bytes"},
       {"endless request line", "GET /" + over,
-       "TConnectedClient died: request larger than 1049576 bytes"},
+       "TConnectedClient died: request larger than 66536 bytes"},
       // Silence within a request ends it as a time-out, which TSocket reports itself.
       {"stalled body", "POST / HTTP/1.1\r\nContent-Length: 24\r\n\r\n[1,", kTimedOut},
       {"stalled headers", "POST / HTTP/1.1\r\n", kTimedOut},

@@ -209,9 +209,13 @@ conversion assistant::print(const std::string& source, const std::string& part) 
   } else if (run.timed_out) {
     result.reason =
         "tarnprint still running after " + std::to_string(helper_timeout_.count()) + " s; ended";
+    result.why = left_out_reason::timed_out;
+    result.limit = helper_timeout_;
   } else if (run.exit_code != 0) {
     result.reason = "tarnprint exited with " + std::to_string(run.exit_code.value_or(-1)) +
                     (said.empty() ? "" : ": " + said);
+    result.why = print_failure_reason(print_run{false, run.exit_code});
+    result.limit = print_helper_convert_timeout();
   } else {
     result.ok = true;
   }

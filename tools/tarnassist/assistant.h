@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "convutils/DynLoadDll.h"
+#include "notify/outcome_text.h"
 
 namespace tarn {
 
@@ -19,6 +20,8 @@ struct conversion {
   bool interrupted = false;  // a signal came while the helper ran
   std::filesystem::path output;
   std::string reason;  // why it failed, for the progress line
+  left_out_reason why = left_out_reason::not_converted;  // the same, for the user
+  std::chrono::seconds limit{0};                         // for a time-out
 };
 
 class assistant {

@@ -7,13 +7,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <QCoreApplication>
+#include <QStandardPaths>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <condition_variable>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -21,7 +23,10 @@
 #include "assistant.h"
 #include "convutils/ConvUtils.h"
 #include "list_file.h"
+#include "notify/desktop_notifier.h"
+#include "notify/outcome_text.h"
 #include "platform/private_temp.h"
+#include "platform/process_launch.h"
 #include "platform/self_exe.h"
 #include "platform/unique_fd.h"
 #include "platform/user_dirs.h"
@@ -36,6 +41,9 @@ constexpr int kExitSomeFailed = 1;
 constexpr int kExitBadInput = 2;
 constexpr int kExitInterrupted = 130;
 constexpr const char* kOutputFolder = "Tarn PDF";
+constexpr const char* kProgressSlot = "progress";
+// How long the last notification offers to open the folder; the PDFs are all done by then.
+constexpr std::chrono::seconds kOfferOpenFolder(60);
 
 constexpr const char* kDescription =
     "Converts the files named in a list file to PDF.\n\n"
@@ -49,10 +57,14 @@ constexpr const char* kDescription =
     "folder (xdg-user-dir DOCUMENTS, else ~/Documents); an existing PDF is never replaced, the\n"
     "new one is called \"name (2).pdf\" and so on. Documents go through tarnprint, XPS and\n"
     "OXPS files through tarnimage.so, both from tarnassist's own folder.\n\n"
-    "With Delete=1 each listed copy that lies in the private temporary folder is deleted once\n"
-    "its PDF exists. The list file itself is deleted when every file is done; when some failed\n"
+    "With Delete=1 each listed copy that lies in the private temporary folder, or in a folder\n"
+    "\"tarnassist-*\" there, is deleted once its PDF exists, and that folder with its last copy.\n"
+    "The list file itself is deleted when every file is done; when some failed\n"
     "it is rewritten to name only those, so that running tarnassist on it again retries them.\n"
     "Without Delete=1 neither the files nor the list are touched.\n\n"
+    "A desktop notification shows the progress and, at the end, where the PDFs are, with a\n"
+    "button that opens the folder for a minute (xdg-open). Without a session bus it shows\n"
+    "nothing. Notifications=0 under HKCU\\Software\\Vantu\\PDF\\V1\\TarnGateWay switches it off.\n\n"
     "Exit codes: 0 every file converted, 1 some failed, 2 bad usage or an unreadable list,\n"
     "130 interrupted.";
 
@@ -95,12 +107,17 @@ bool rewrite_list(const fs::path& file, const std::string& bytes, std::string* e
   return true;
 }
 
-bool lies_in(const fs::path& file, const std::optional<fs::path>& dir) {
+// A hand-over copy lies in the temporary folder, or in the folder of its command there.
+bool is_hand_over_copy(const fs::path& file, const std::optional<fs::path>& dir, bool* own_folder) {
   if (!dir) return false;
   std::error_code ec;
   const fs::path parent = fs::weakly_canonical(file.parent_path(), ec);
   if (ec) return false;
-  return parent == fs::weakly_canonical(*dir, ec) && !ec;
+  const fs::path temp = fs::weakly_canonical(*dir, ec);
+  if (ec) return false;
+  *own_folder = parent.parent_path() == temp &&
+                parent.filename().string().starts_with(kAssistantCopiesPrefix);
+  return parent == temp || *own_folder;
 }
 
 // The interrupting signals are taken through a descriptor, so that a wait for the helper can
@@ -128,26 +145,55 @@ struct row_outcome {
   std::chrono::steady_clock::duration took{};
 };
 
+std::string source_of(const list_row& row) {
+  for (const auto& candidate : candidate_paths(row))
+    if (::access(candidate.c_str(), F_OK) == 0) return candidate;
+  return row.path;
+}
+
+std::string name_of(const list_row& row, const std::string& source) {
+  return source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
+}
+
 row_outcome convert_row(assistant& worker, const list_row& row) {
   row_outcome outcome;
   const auto begin = std::chrono::steady_clock::now();
-  for (const auto& candidate : candidate_paths(row)) {
-    if (::access(candidate.c_str(), F_OK) == 0) {
-      outcome.source = candidate;
-      break;
-    }
-  }
-  if (outcome.source.empty() && !row.path.empty()) outcome.source = row.path;
+  outcome.source = source_of(row);
   if (!row.present) {
     outcome.result.reason = "missing from the list";
+    outcome.result.why = left_out_reason::not_fetched;
   } else if (outcome.source.empty()) {
     outcome.result.reason = "no file (the gateway could not fetch this document)";
+    outcome.result.why = left_out_reason::not_fetched;
   } else {
     outcome.result = worker.convert(outcome.source);
   }
   outcome.took = std::chrono::steady_clock::now() - begin;
   outcome.done = true;
   return outcome;
+}
+
+// Turns the progress notification into the result, and opens the folder when the person
+// asks for it within a while. An interrupted run offers nothing: someone wants it to stop.
+void tell_the_end(desktop_notifier& notes, const fs::path& out_dir, size_t converted,
+                  size_t total, const std::vector<left_out_document>& left_out,
+                  bool interrupted) {
+  notification end;
+  end.summary = interrupted ? "Conversion interrupted" : "Conversion done";
+  end.body = std::to_string(converted) + " of " + std::to_string(total) + " PDFs made, in " +
+             out_dir.string();
+  if (!left_out.empty()) end.body += "\n" + left_out_text(left_out);
+  end.urgent = !left_out.empty();
+  if (!interrupted) {
+    end.actions = {{"default", "Open folder"}};
+    end.expire = kOfferOpenFolder;
+  }
+  notes.show(kProgressSlot, end);
+  if (interrupted || notes.wait_for_action(kProgressSlot, kOfferOpenFolder) != "default") return;
+  std::string err = "xdg-open not found";
+  const QString opener = QStandardPaths::findExecutable("xdg-open");
+  if (opener.isEmpty() || !spawn_detached({opener.toStdString(), out_dir.string()}, {}, &err))
+    std::cerr << "tarnassist: can't open " << out_dir.string() << ": " << err << "\n";
 }
 
 int run(const fs::path& list_path) {
@@ -170,8 +216,15 @@ int run(const fs::path& list_path) {
   // Only the gateway's hand-over copies are ever deleted, never a file the list merely names.
   const std::optional<fs::path> temp_dir = private_temp_dir();
 
-  unique_fd signals = block_interrupts();
-  assistant worker(out_dir, self_exe_dir() + kPrintHelperProgram, signals.get(),
+  // Blocked before the notifier's threads exist, so that they inherit the mask.
+  unique_fd interrupts = block_interrupts();
+  std::unique_ptr<desktop_notifier> notes;
+  if (!list.rows.empty() && notifications_enabled()) {
+    notes = std::make_unique<desktop_notifier>(
+        "Vantu Tarn assistant", [](const std::string& why) { std::cerr << "tarnassist: " << why << "\n"; });
+  }
+  std::vector<left_out_document> left_out;
+  assistant worker(out_dir, self_exe_dir() + kPrintHelperProgram, interrupts.get(),
                    print_helper_timeout());
   const auto started = std::chrono::steady_clock::now();
   const size_t total = list.rows.size();
@@ -209,6 +262,10 @@ int run(const fs::path& list_path) {
   for (size_t t = 0; t < thread_count; ++t) threads.emplace_back(convert_rows);
   for (size_t i = 0; i < total && !interrupted; ++i) {
     const list_row& row = list.rows[i];
+    if (notes) {
+      notes->show(kProgressSlot, {"Converting " + std::to_string(i + 1) + " of " +
+                                  std::to_string(total) + ": " + name_of(row, source_of(row))});
+    }
     {
       std::unique_lock lock(mu);
       changed.wait(lock, [&] { return outcomes[i].done || threads_ended == thread_count; });
@@ -217,16 +274,16 @@ int run(const fs::path& list_path) {
     outcomes[i].reported = true;
     const conversion& result = outcomes[i].result;
     const std::string& source = outcomes[i].source;
-    const std::string name =
-        source.empty() ? "row " + std::to_string(row.number) : fs::path(source).filename().string();
+    const std::string name = name_of(row, source);
     std::cout << "[" << (i + 1) << "/" << total << "] " << name;
-    interrupted = result.interrupted || interrupt_pending(signals.get());
+    interrupted = result.interrupted || interrupt_pending(interrupts.get());
     if (interrupted) {
       std::scoped_lock lock(mu);
       stopping = true;
     }
     if (!result.ok) {
       ++failed;
+      if (!result.interrupted) left_out.push_back({name, result.why, result.limit});
       std::cout << ": failed: " << result.reason << "\n";
       if (!source.empty() && ::access(source.c_str(), F_OK) == 0) retry.push_back(row);
       continue;
@@ -234,11 +291,15 @@ int run(const fs::path& list_path) {
     ++converted;
     std::cout << " -> " << result.output.filename().string() << " ("
               << seconds_text(outcomes[i].took) << ")";
+    bool own_folder = false;
     if (list.delete_copies) {
-      if (!lies_in(source, temp_dir)) {
+      if (!is_hand_over_copy(source, temp_dir, &own_folder)) {
         std::cout << ", copy kept (not in the temporary folder)";
       } else if (::unlink(source.c_str()) != 0) {
         std::cout << ", copy not deleted: " << std::strerror(errno);
+      } else if (own_folder) {
+        // The command's folder goes with its last copy.
+        ::rmdir(fs::path(source).parent_path().c_str());
       }
     }
     std::cout << "\n" << std::flush;
@@ -274,6 +335,7 @@ int run(const fs::path& list_path) {
       std::cerr << "tarnassist: " << err << "\n";
     }
   }
+  if (notes) tell_the_end(*notes, out_dir, converted, total, left_out, interrupted);
   if (interrupted) return kExitInterrupted;
   return failed > 0 ? kExitSomeFailed : kExitOk;
 }
@@ -302,5 +364,7 @@ int main(int argc, char** argv) {
               << " arguments (and no file \"" << path << "\")\n";
     return tarn::kExitBadInput;
   }
+  // Qt's D-Bus module, behind the notifications, expects an application object.
+  QCoreApplication qt(argc, argv);
   return tarn::run(path);
 }

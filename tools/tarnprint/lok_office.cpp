@@ -6,10 +6,10 @@
 #include <LibreOfficeKit/LibreOfficeKit.hxx>
 
 #include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "office_paths.h"
+#include "office_profile.h"
 
 namespace tarn {
 namespace {
@@ -68,39 +68,12 @@ constexpr const char* kDialogLibrary = R"(<?xml version="1.0" encoding="UTF-8"?>
 <library:library xmlns:library="http://openoffice.org/2000/library" library:name="Standard" library:readonly="false" library:passwordprotected="false"/>
 )";
 
-// No lock file beside the documents the office reads, which a killed office would leave there.
-constexpr const char* kNoLocking =
-    R"(<item oor:path="/org.openoffice.Office.Common/Misc"><prop oor:name="UseLocking" oor:op="fuse"><value>false</value></prop></item>
-)";
-constexpr const char* kSettingsHead = R"(<?xml version="1.0" encoding="UTF-8"?>
-<oor:items xmlns:oor="http://openoffice.org/2001/registry" xmlns:xs="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance">
-)";
-constexpr const char* kSettingsEnd = "</oor:items>";
-
 bool write_text(const fs::path& path, const char* text, std::string* err) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;
   out.close();
   if (!out) *err = "can't write " + path.string();
   return static_cast<bool>(out);
-}
-
-// Adds kNoLocking to the profile's settings. The rest of the file stays: without the office's
-// own entries (its compatibility check, a finished set-up) each start takes seconds longer.
-bool switch_off_locking(const fs::path& profile, std::string* err) {
-  const fs::path file = profile / "user" / "registrymodifications.xcu";
-  std::string text;
-  {
-    std::ifstream in(file, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  if (text.find("oor:name=\"UseLocking\"") != std::string::npos) return true;
-  const size_t end = text.rfind(kSettingsEnd);
-  text = end == std::string::npos ? std::string(kSettingsHead) + kNoLocking + kSettingsEnd + "\n"
-                                  : text.insert(end, kNoLocking);
-  std::error_code ec;
-  fs::create_directories(file.parent_path(), ec);
-  return write_text(file, text.c_str(), err);
 }
 
 // The profile's Basic folder holds only the library with the CSV macro.
@@ -140,7 +113,7 @@ bool lok_office::start(const fs::path& program_dir, const fs::path& profile, std
     *err = "LibreOffice is not installed in " + program_dir.string();
     return false;
   }
-  if (!switch_off_locking(profile, err)) return false;
+  if (!prepare_office_profile(profile, err)) return false;
   office_ = lok::lok_cpp_init(program_dir.c_str(), file_url(profile).c_str());
   if (office_ == nullptr) {
     *err = "LibreOfficeKit could not load the office from " + program_dir.string();

@@ -32,6 +32,8 @@ constexpr const char* kHelp =
     "  ConvertTimeoutSeconds  time one document may take (default 120)\n"
     "  OfficeMaxConversions   documents before the office is restarted (default 50)\n"
     "  OfficeIdleSeconds      idle time before the office exits (default 600)\n"
+    "  OfficeNetworkIsolation 1: the office runs without network where the system allows\n"
+    "                         it; 0: it shares the machine's network (default 1)\n"
     "\n"
     "Exit codes: 0 the PDF was written; 1 the source can't be read or converted; 2 bad command\n"
     "line; 3 the target can't be written; 4 the conversion took longer than the time-out;\n"

@@ -126,6 +126,8 @@ bool start_worker(const office_paths& paths, const office_settings& settings, st
                                    std::to_string(settings.max_conversions),
                                    "--idle-seconds",
                                    std::to_string(settings.idle.count()),
+                                   "--isolate-network",
+                                   settings.isolate_network ? "1" : "0",
                                    "--ready-fd",
                                    "3"};
   std::vector<char*> argv;

@@ -7,6 +7,7 @@
 
 #include <iostream>
 
+#include "network_namespace.h"
 #include "office_worker.h"
 
 int main(int argc, char** argv) {
@@ -14,7 +15,8 @@ int main(int argc, char** argv) {
       "tarnoffice: keeps one LibreOffice loaded for this user and converts the documents that\n"
       "tarnprint runs hand it over the socket office.sock in RUNTIME_DIR. tarnprint starts it\n"
       "on first use; it exits after MAX documents (a fresh one takes over), after SECONDS\n"
-      "without work, or when asked to. Its log is office.log in RUNTIME_DIR.\n"
+      "without work, or when asked to. Its log is office.log in RUNTIME_DIR. Where the system\n"
+      "allows it, the office runs in a network namespace of its own, with no way out.\n"
       "Exit codes: 0 done, 1 could not start, 2 bad command line, 3 a document hung."};
   app.name("tarnoffice");
   std::string runtime_dir;
@@ -25,6 +27,9 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1u, 100000u));
   app.add_option("--idle-seconds", idle_seconds, "idle time before exiting")
       ->check(CLI::Range(0LL, 86400LL));
+  bool isolate_network = true;
+  app.add_option("--isolate-network", isolate_network,
+                 "1: run the office without network where the system allows it; 0: don't");
   app.add_option("--ready-fd", options.ready_fd,
                  "a descriptor that gets one byte once the socket listens");
   try {
@@ -39,6 +44,12 @@ int main(int argc, char** argv) {
       (st.st_mode & 077) != 0) {
     std::cerr << "tarnoffice: " << runtime_dir << " is not a private folder of this user's\n";
     return 1;
+  }
+  // Before the worker starts any thread: a user namespace takes a single-threaded process.
+  std::string why;
+  if (isolate_network && !tarn::leave_network(&why)) {
+    std::cerr << "tarnoffice " << ::getpid() << ": the office keeps the network (" << why
+              << "); only its profile's settings keep documents from fetching anything\n";
   }
   tarn::run_office_worker(options);
 }

@@ -28,6 +28,8 @@ office_settings read_office_settings() {
   settings.idle =
       std::chrono::seconds(read_setting("OfficeIdleSeconds", settings.idle.count(), 0, 86400));
   settings.pool_size = print_helper_parallelism();
+  settings.isolate_network =
+      read_setting("OfficeNetworkIsolation", settings.isolate_network ? 1 : 0, 0, 1) != 0;
   settings.worker_program = self_exe_dir() + "tarnoffice";
   return settings;
 }

@@ -21,6 +21,9 @@ struct office_settings {
   // OfficePoolSize (1..4): how many offices may convert at once; by default one per core
   // (print_helper_parallelism()).
   unsigned pool_size = 1;
+  // OfficeNetworkIsolation (0 or 1): the office runs in a network namespace of its own, where
+  // this system allows one, so that no document can make it reach another machine.
+  bool isolate_network = true;
   // The worker program: tarnoffice beside the running program.
   std::filesystem::path worker_program;
 };

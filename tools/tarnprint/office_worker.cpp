@@ -19,6 +19,7 @@
 #include "lok_office.h"
 #include "office_protocol.h"
 #include "platform/unique_fd.h"
+#include "shared_extension_cache.h"
 
 namespace tarn {
 namespace {
@@ -145,6 +146,9 @@ void worker::run() {
   use_utf8_file_names();
   const auto begin = clock::now();
   if (std::getenv(kStallHook) != nullptr) office_.hang_after_load();
+  // As root, the office would create the machine's shared extension cache with this
+  // process's umask and so lock every other user's office out.
+  if (::geteuid() == 0 && !open_shared_extension_cache(&err)) say("%s", err.c_str());
   if (!office_.start(kProgramDir, paths_.profile(), &err)) {
     say("%s", err.c_str());
     finish(1);

@@ -10,6 +10,7 @@
 
 #include "office_client.h"
 #include "pdf_file.h"
+#include "shared_extension_cache.h"
 #include "source_kind.h"
 
 namespace tarn {
@@ -106,8 +107,13 @@ print_result convert_in_office(const fs::path& src, const fs::path& temp, std::s
     case office_status::timed_out:
       return fail(kPrintTimedOut, "gave up on " + quoted(src) + ": " + outcome.message);
     case office_status::lost:
-    case office_status::unavailable:
-      return fail(kPrintOfficeFailed, "can't convert " + quoted(src) + ": " + outcome.message);
+    case office_status::unavailable: {
+      std::string message = "can't convert " + quoted(src) + ": " + outcome.message;
+      // An office that dies at start leaves no reason tarnprint can read; this is the usual one.
+      if (const std::string hint = shared_extension_cache_hint(); !hint.empty())
+        message += ". " + hint;
+      return fail(kPrintOfficeFailed, message);
+    }
   }
   // The office says it saved; only a PDF with pages counts.
   std::string err;

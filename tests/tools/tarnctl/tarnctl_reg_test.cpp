@@ -80,10 +80,10 @@ TEST_F(tarnctl_reg_test, OverwriteAndDeleteWantSlashFWithoutATerminal) {
   EXPECT_NE(r.out.find("REG_SZ    old"), std::string::npos);
 }
 
-TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
+TEST_F(tarnctl_reg_test, SetupRegistersTheInstallFolderAndRemoveTakesOnlyThatBack) {
   auto r = tarnctl({"setup"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  auto store = registry_store::open(env_.machine_registry(), registry_store::access::read, 0644,
+  auto store = registry_store::open(env_.machine_registry(), registry_store::access::write, 0644,
                                     nullptr);
   ASSERT_TRUE(store);
   auto value = store->get("Software\\Vantu\\PDF\\V1", "InstallPath");
@@ -97,11 +97,25 @@ TEST_F(tarnctl_reg_test, SetupWritesTheInstallFolderIntoTheMachineStore) {
     value = store->get(std::string("Software\\Classes\\CLSID\\") + clsid + "\\InprocServer32", "");
     ASSERT_TRUE(value);
     EXPECT_EQ(reg_sz_text(value->data), std::string(TARN_DIST_DIR) + "/" + library);
-    EXPECT_NE(r.out.find(std::string(clsid) + "\\InprocServer32  (Default) = " + TARN_DIST_DIR +
-                         "/" + library + "\n"),
-              std::string::npos)
-        << r.out;
   }
+
+  // Removal takes back only what names this folder: another product's registration of a class
+  // id and the machine's policies stay.
+  constexpr const char* kPolicyKey = "Software\\Policies\\Vantu\\Tarn 5.0\\Preferences";
+  const std::string foreign = "/opt/other/pdf_attach.so";
+  const std::string attach_key =
+      "Software\\Classes\\CLSID\\{F3D21E10-ACE3-4CD1-AA63-7226F6416B06}\\InprocServer32";
+  ASSERT_TRUE(store->set(attach_key, "", kRegSz, reg_sz_bytes(foreign), nullptr));
+  ASSERT_TRUE(store->set(kPolicyKey, "CollectData", kRegDword, std::string(4, '\0'), nullptr));
+  r = tarnctl({"setup", "--remove"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_FALSE(store->key_exists("Software\\Vantu"));
+  EXPECT_FALSE(store->key_exists(
+      "Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}"));
+  value = store->get(attach_key, "");
+  ASSERT_TRUE(value);
+  EXPECT_EQ(reg_sz_text(value->data), foreign);
+  EXPECT_TRUE(store->get(kPolicyKey, "CollectData"));
 
   env_.set_env("TARN_MACHINE_REGISTRY", "/proc/no/such/registry.sqlite");
   r = tarnctl({"setup"});

@@ -5,6 +5,7 @@
 #include <gif_lib.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -12,6 +13,8 @@
 
 #include <QImage>
 
+#include <cerrno>
+#include <cstring>
 #include <future>
 #include <regex>
 #include <set>
@@ -20,6 +23,7 @@
 #include "convutils/CConvRegKey.h"
 #include "office_client.h"
 #include "office_paths.h"
+#include "shared_extension_cache.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
@@ -57,10 +61,11 @@ fs::path runtime_dir() {
   return paths ? paths->dir : fs::path();
 }
 
-// Pids of the workers of pool slot `slot` started in this sandbox, in order, from their log.
-std::vector<pid_t> started_workers(const std::string& slot = "") {
+// Pids of the workers started in this sandbox (or with `runtime` as their folder), in order,
+// from their log.
+std::vector<pid_t> started_workers(const fs::path& runtime = runtime_dir()) {
   std::vector<pid_t> pids;
-  const std::string log = test::read_file(runtime_dir() / slot / "office.log");
+  const std::string log = test::read_file(runtime / "office.log");
   static const std::regex kStart(R"(tarnoffice (\d+): starting)");
   for (std::sregex_iterator it(log.begin(), log.end(), kStart), end; it != end; ++it)
     pids.push_back(std::stoi((*it)[1]));
@@ -346,7 +351,6 @@ TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
     std::vector<std::string> args;
     const char* culprit;
   } cases[] = {
-      {{}, "/p is missing"},
       {{"/p", src}, "SOURCE and TARGET"},
       {{src, dst, "/noviewpdf"}, "/p is missing"},
       {{"/m", src, dst, "/noviewpdf"}, "/m is not supported"},
@@ -375,6 +379,9 @@ TEST_F(tarnprint_test, WorkerIsPrivateAndHoldsNothingOfItsCaller) {
     std::error_code ec;
     EXPECT_NE(fs::read_symlink(entry.path(), ec), marker_) << entry.path();
   }
+  EXPECT_NE(fs::read_symlink("/proc/" + std::to_string(pids[0]) + "/ns/net"),
+            fs::read_symlink("/proc/self/ns/net"))
+      << "the office has a network namespace of its own";
   struct stat st;
   ASSERT_EQ(::stat(runtime_dir().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
@@ -441,7 +448,7 @@ TEST_F(office_lifecycle_test, PoolSpreadsRunsAtOnceAndEndsWhenIdle) {
   EXPECT_EQ(run_program({test::dist_program("tarnprint"), "/warm"}).exit_code, 0);
   for (const std::string slot : {"", "office-1"}) {
     SCOPED_TRACE(slot);
-    const auto pids = started_workers(slot);
+    const auto pids = started_workers(runtime_dir() / slot);
     ASSERT_EQ(pids.size(), 1u);
     EXPECT_TRUE(ended(pids[0])) << "an idle office exits";
   }
@@ -467,6 +474,141 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
   EXPECT_TRUE(ended(pids[1])) << "an idle worker exits";
   EXPECT_NE(test::read_file(runtime_dir() / "office.log").find("idle for 1 s; exiting"),
             std::string::npos);
+}
+
+// A DOCX whose one picture is linked from the web, not embedded.
+constexpr const char* kRemoteDocxParts[][2] = {
+    {"[Content_Types].xml",
+     R"(<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types"><Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/><Override PartName="/word/document.xml" ContentType="application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"/></Types>)"},
+    {"_rels/.rels",
+     R"(<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships"><Relationship Id="rId1" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/officeDocument" Target="word/document.xml"/></Relationships>)"},
+    {"word/_rels/document.xml.rels",
+     R"(<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships"><Relationship Id="rId7" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/image" Target="http://192.0.2.1/x.png" TargetMode="External"/></Relationships>)"},
+    {"word/document.xml",
+     R"(<w:document xmlns:w="http://schemas.openxmlformats.org/wordprocessingml/2006/main" xmlns:r="http://schemas.openxmlformats.org/officeDocument/2006/relationships" xmlns:wp="http://schemas.openxmlformats.org/drawingml/2006/wordprocessingDrawing" xmlns:a="http://schemas.openxmlformats.org/drawingml/2006/main" xmlns:pic="http://schemas.openxmlformats.org/drawingml/2006/picture"><w:body><w:p><w:r><w:t>Remote 202</w:t></w:r></w:p><w:p><w:r><w:drawing><wp:inline><wp:extent cx="952500" cy="952500"/><wp:docPr id="1" name="Picture 1"/><a:graphic><a:graphicData uri="http://schemas.openxmlformats.org/drawingml/2006/picture"><pic:pic><pic:nvPicPr><pic:cNvPr id="1" name="x.png"/><pic:cNvPicPr/></pic:nvPicPr><pic:blipFill><a:blip r:link="rId7"/><a:stretch><a:fillRect/></a:stretch></pic:blipFill><pic:spPr><a:xfrm><a:off x="0" y="0"/><a:ext cx="952500" cy="952500"/></a:xfrm><a:prstGeom prst="rect"/></pic:spPr></pic:pic></a:graphicData></a:graphic></wp:inline></w:drawing></w:r></w:p></w:body></w:document>)"},
+};
+
+// Every connect of tarnprint and of the office it starts is traced; an attempt shows in the
+// trace also where the office's network namespace would stop it.
+TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
+  // Each worker exits after its document, and with it the trace.
+  set_print_setting("OfficeMaxConversions", 1);
+  const fs::path html = env_.root() / "remote.html", docx = env_.root() / "remote.docx";
+  test::write_file(html, R"(<html><body><p>Remote 201</p><img src="http://192.0.2.1/x.png">)");
+  std::vector<std::pair<std::string, std::string>> parts;
+  for (const auto& [name, text] : kRemoteDocxParts) parts.emplace_back(name, text);
+  test::write_zip(docx, parts);
+  const struct {
+    fs::path src;
+    const char* text;
+  } cases[] = {{html, "Remote 201"}, {docx, "Remote 202"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.src.filename().string());
+    const fs::path trace = env_.root() / (c.src.filename().string() + ".trace");
+    const fs::path dst = out_ / (c.src.filename().string() + ".pdf");
+    const auto r =
+        run_program({"/usr/bin/strace", "-f", "-qq", "--seccomp-bpf", "-e", "trace=connect", "-o",
+                     trace, test::dist_program("tarnprint"), "/p", c.src, dst, "/noviewpdf"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(test::pdf_text(dst).find(c.text), std::string::npos);
+    const std::string connects = test::read_file(trace);
+    EXPECT_NE(connects.find("connect("), std::string::npos) << "the trace saw nothing";
+    EXPECT_EQ(connects.find("192.0.2.1"), std::string::npos) << connects;
+  }
+}
+
+// Set in the child that plays the machine: see below.
+constexpr const char* kPrivateSpool = "TARN_TEST_PRIVATE_SPOOL";
+constexpr const char* kTestUser = "61234";  // no account of the machine's
+
+// An ordinary user of the machine, in this test's sandbox.
+program_result as_test_user(const std::vector<std::string>& args) {
+  std::vector<std::string> command = {"/usr/bin/setpriv", std::string("--reuid=") + kTestUser,
+                                      std::string("--regid=") + kTestUser, "--clear-groups"};
+  command.insert(command.end(), args.begin(), args.end());
+  return run_program(command, "", std::chrono::seconds(300));
+}
+
+mode_t mode_of(const fs::path& path) {
+  struct stat st {};
+  ::stat(path.c_str(), &st);
+  return st.st_mode & 07777;
+}
+
+class shared_extension_cache_test : public test::sandboxed_test {};
+
+// The machine's state is made in a child of this test in a mount namespace of its own, with an
+// empty spool folder mounted over the machine's: the real folder, and the tests that use it
+// meanwhile, are never touched.
+TEST_F(shared_extension_cache_test, AnOrdinaryUserConvertsAfterRootRanTheOffice) {
+  if (std::getenv(kPrivateSpool) == nullptr) {
+    // The child's sandbox goes where the test user can reach it.
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can make a machine's state in private";
+    const auto r = run_program(
+        {"/usr/bin/unshare", "--mount", "--propagation", "private", "/usr/bin/env",
+         std::string(kPrivateSpool) + "=1", "TMPDIR=/tmp", fs::read_symlink("/proc/self/exe"),
+         "--gtest_filter=shared_extension_cache_test.*"},
+        "", std::chrono::seconds(600));
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    return;
+  }
+  const fs::path spool = "/var/spool/libreoffice";
+  ASSERT_EQ(::mount("tmpfs", spool.c_str(), "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
+  fs::create_directories(spool / "uno_packages" / "cache");  // as the package has it
+  const fs::path cache = shared_extension_cache();
+  ASSERT_EQ(cache, spool / "uno_packages" / "cache" / "uno_packages");
+  // What an office run as root with umask 077 leaves.
+  fs::create_directory(cache);
+  fs::permissions(cache, fs::perms::owner_all);
+
+  const fs::path src = env_.root() / "note.txt";
+  test::write_file(src, "Shared Grüße 301\n");
+  ASSERT_EQ(run_program({"/bin/chown", "-R", std::string(kTestUser) + ":" + kTestUser, env_.root()})
+                .exit_code,
+            0);
+  // Root's private temporary folder can't be one the user owns.
+  const fs::path root_tmp = env_.root() / "root tmp";
+  fs::create_directory(root_tmp);
+  fs::permissions(root_tmp, fs::perms::owner_all);
+  auto convert_as_user = [&](const std::string& name) {
+    return as_test_user(
+        {test::dist_program("tarnprint"), "/p", src, (env_.root() / name).string(), "/noviewpdf"});
+  };
+
+  auto r = convert_as_user("refused.pdf");
+  EXPECT_EQ(r.exit_code, 5) << r.err;
+  EXPECT_NE(r.err.find("chmod 0755 '" + cache.string() + "'"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(env_.root() / "refused.pdf"));
+
+  env_.set_env("TMPDIR", root_tmp.string());
+  r = tarnprint(src, env_.root() / "by root.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(mode_of(cache), 0755u) << "an office run as root opens the folder up first";
+  std::string err;
+  EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
+  env_.set_env("TMPDIR", env_.tmp().string());
+
+  r = convert_as_user("converted.pdf");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(test::pdf_text(env_.root() / "converted.pdf").find("Shared Grüße 301"),
+            std::string::npos);
+  size_t running = 0;
+  for (pid_t pid : started_workers(env_.tmp() / "tarnoffice")) {
+    std::error_code ec;
+    const fs::path net = fs::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec);
+    if (ec) continue;  // one that died at start
+    ++running;
+    EXPECT_NE(net, fs::read_symlink("/proc/self/ns/net")) << "the user's office has no network";
+    ::kill(pid, SIGKILL);
+    EXPECT_TRUE(ended(pid));
+  }
+  EXPECT_EQ(running, 1u);
+
+  // The install step repairs the same state.
+  fs::permissions(cache, fs::perms::owner_all);
+  r = run_program({"/bin/bash", std::string(TARN_SOURCE_DIR) + "/scripts/install-deps.sh"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(mode_of(cache), 0755u);
 }
 
 }  // namespace

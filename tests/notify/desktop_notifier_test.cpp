@@ -1,0 +1,132 @@
+#include "notify/desktop_notifier.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
+#include "convutils/usage_reporter.h"
+#include "platform/child_process.h"
+#include "platform/unique_fd.h"
+#include "support/test_env.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// A waiting caller would hang the test here; the test's time-out then fails it.
+constexpr std::chrono::hours kForever(1);
+
+class desktop_notifier_test : public test::sandboxed_test {
+ protected:
+  void SetUp() override { env_.set_env("DBUS_SESSION_BUS_ADDRESS", std::nullopt); }
+
+  // Shows twice, waits for an action, and returns what was logged.
+  std::vector<std::string> use_notifier() {
+    std::vector<std::string> lines;
+    {
+      desktop_notifier notes("test", [&](const std::string& line) { lines.push_back(line); });
+      notes.show("progress", {"one"});
+      notes.show("progress", {"two", "", {{"default", "Open"}}});
+      EXPECT_EQ(notes.wait_for_action("progress", kForever), "");
+      EXPECT_EQ(notes.wait_for_action("never shown", kForever), "");
+    }
+    return lines;
+  }
+};
+
+TEST_F(desktop_notifier_test, WithoutABusNothingWaitsAndTheLogSaysSoOnce) {
+  EXPECT_THAT(use_notifier(), ElementsAre(HasSubstr("no session bus")));
+}
+
+TEST_F(desktop_notifier_test, ABusWithoutANotificationServiceIsToldOnceAndNobodyWaits) {
+  // A bus that starts no services on demand, unlike a desktop session's.
+  const fs::path config = env_.root() / "bus.conf";
+  test::write_file(config,
+                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
+                   "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
+                   "<busconfig><type>session</type><listen>unix:dir=" +
+                       env_.root().string() +
+                       "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                       "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+                       "<allow own=\"*\"/></policy></busconfig>");
+  int fds[2];
+  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+  std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
+  std::string err;
+  auto bus = child_process::start({"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
+                                   "--nofork", "--print-address=1"},
+                                  {.stdout_fd = fds[1]}, &err);
+  ::close(fds[1]);
+  char address[512] = {};
+  ASSERT_TRUE(bus && fgets(address, sizeof address, reader.get()))
+      << "dbus-daemon (scripts/install-deps.sh test): " << err;
+  address[strcspn(address, "\n")] = '\0';
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS", address);
+
+  EXPECT_THAT(use_notifier(), ElementsAre(HasSubstr("no notification service answers")));
+  bus->signal(SIGTERM);
+  bus->wait();
+}
+
+TEST_F(desktop_notifier_test, TheBusIsTheNamedOneElseTheSessionSocketNeverAnother) {
+  const fs::path runtime = env_.root() / "run";
+  fs::create_directories(runtime);
+  const fs::path socket_path = runtime / "bus";
+  unique_fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const fs::path not_socket = env_.root() / "plain";
+  test::write_file(not_socket / "bus", "");
+
+  const struct {
+    const char* name;
+    std::optional<std::string> named, runtime;
+    std::string address;
+  } cases[] = {
+      {"named", "unix:path=/x", runtime.string(), "unix:path=/x"},
+      {"session socket", std::nullopt, runtime.string(), "unix:path=" + socket_path.string()},
+      {"a file is no bus", std::nullopt, not_socket.string(), ""},
+      {"nothing", "", std::nullopt, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    env_.set_env("DBUS_SESSION_BUS_ADDRESS", c.named);
+    env_.set_env("XDG_RUNTIME_DIR", c.runtime);
+    EXPECT_EQ(session_bus_address(), c.address);
+  }
+}
+
+TEST_F(desktop_notifier_test, TheMachinePolicyWinsOverTheUsersSwitch) {
+  constexpr DWORD kUnset = 0xDEAD;
+  const struct {
+    DWORD policy, user;
+    bool on;
+  } cases[] = {{kUnset, kUnset, true}, {kUnset, 0, false}, {0, 1, false}, {1, 0, true}};
+  for (const auto& c : cases) {
+    test::scoped_test_env env;
+    if (c.policy != kUnset)
+      CConvRegKey(reg_root::local_machine, kUsagePolicyKey, "Notifications", DWORD{0})
+          .write_number(c.policy);
+    if (c.user != kUnset)
+      CConvRegKey(reg_root::current_user, kGatewayKey, "Notifications", DWORD{0})
+          .write_number(c.user);
+    EXPECT_EQ(notifications_enabled(), c.on) << c.policy << " " << c.user;
+  }
+}
+
+}  // namespace
+}  // namespace tarn
