@@ -75,6 +75,8 @@ open_cassistant_task::open_cassistant_task(std::shared_ptr<simple_log> log,
       doc_refs_(std::move(doc_refs)) {}
 
 void open_cassistant_task::do_work() {
+  // The offices load while the documents are fetched and copied for the assistant.
+  WarmPrintHelper();
   try {
     send_usage_event("iManage 10", "Open", "Tarn Assistant");
   } catch (...) {
