@@ -20,11 +20,16 @@ cmake --build build-asan --parallel "$(nproc)"
 # reporter, the assistant) fails the run too. A small quarantine keeps the resident-memory
 # bounds of the whole-process tests meaningful.
 reports="$PWD/build-asan/sanitizer-reports"
-rm -rf "$reports" && mkdir -p "$reports"
+# Tests run as an unprivileged user (and some programs in namespaces of their own): anyone may
+# write a report there, or a finding would be lost.
+rm -rf "$reports" && mkdir -p -m 1777 "$reports"
 status=0
+# ASan's shadow memory and quarantine make resident-memory figures meaningless: the bounds of
+# the hostile-client memory test are checked by the plain build above.
 ASAN_OPTIONS="log_path=$reports/asan:quarantine_size_mb=8" \
   UBSAN_OPTIONS="log_path=$reports/ubsan:print_stacktrace=1" \
-  ctest --test-dir build-asan --output-on-failure --parallel 2 --timeout 900 || status=$?
+  ctest --test-dir build-asan --output-on-failure --parallel 2 --timeout 900 \
+  -E 'hostile_client_e2e_test\.MemoryStaysBounded' || status=$?
 if [ -n "$(ls -A "$reports")" ]; then
   cat "$reports"/*
   echo "run-tests: the sanitizers reported the findings above" >&2

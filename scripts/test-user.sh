@@ -51,7 +51,8 @@ done
 
 for folder in "${writable[@]}"; do
   mkdir -p "$folder"
-  setfacl -m "u:$user:rwx" -m "d:u:$user:rwx" "$folder"
+  # -R: files an earlier run as root left there must be writable for the user too.
+  setfacl -R -m "u:$user:rwX" -m "d:u:$user:rwx" "$folder"
 done
 for file in "${writable_files[@]}"; do
   touch "$file"

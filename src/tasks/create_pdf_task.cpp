@@ -163,14 +163,24 @@ std::vector<bool> create_pdf_task::convert_all(const document_list& documents) {
     const doc_description& doc = *documents[i];
     if (doc.local_file.empty() || doc.pdf_file.empty()) continue;
     if (doc.extension == "xps" || doc.extension == "oxps") {
-      converted[i] = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
+      // One document's failure must not take the others of the command with it.
+      try {
+        converted[i] = ConvertXpsToPdf(doc.local_file.string(), doc.pdf_file.string(), 15, 0, 0);
+      } catch (...) {
+        log_failure(doc.doc_ref);
+      }
     } else {
       jobs.emplace_back(doc.local_file.string(), doc.pdf_file.string());
       job_documents.push_back(i);
     }
   }
-  const std::vector<print_run> runs = PrintPDFsWithHelper(jobs);
-  for (size_t j = 0; j < jobs.size(); ++j) {
+  std::vector<print_run> runs;
+  try {
+    runs = PrintPDFsWithHelper(jobs);
+  } catch (...) {
+    for (const size_t i : job_documents) log_failure(documents[i]->doc_ref);
+  }
+  for (size_t j = 0; j < runs.size(); ++j) {
     const size_t i = job_documents[j];
     converted[i] = runs[j].printed;
     why[i] = print_failure_reason(runs[j]);
