@@ -120,6 +120,7 @@ plant() {
   printf '%s' "${text/"${finds[$i]}"/"${repls[$i]}"}" >"$file"
 }
 
+restore  # what a killed run left
 if [ "$check" = 1 ]; then
   stale=0
   for i in "${picked[@]}"; do
@@ -134,7 +135,6 @@ if [ "$check" = 1 ]; then
   exit $((stale * 2))
 fi
 
-restore  # what a killed run left
 trap 'restore' EXIT
 trap 'exit 130' INT TERM HUP
 
