@@ -120,6 +120,10 @@ plant() {
   printf '%s' "${text/"${finds[$i]}"/"${repls[$i]}"}" >"$file"
 }
 
+# One run at a time per build folder: a second would put back the first one's fault.
+mkdir -p "$build"
+exec 9>"$build/plant-faults.lock"
+flock -n 9 || { echo "plant-faults: another run is using $build" >&2; exit 2; }
 restore  # what a killed run left
 if [ "$check" = 1 ]; then
   stale=0
