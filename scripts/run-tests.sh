@@ -11,10 +11,8 @@ generator=()
 if command -v ninja >/dev/null; then generator=(-G Ninja); fi
 # The same suite, whole-process tests included, in a build of its own with ASan + UBSan. -O1
 # with line tables only keeps the build within CI time and still names file:line in reports.
-flags="-O1 -g1 -DNDEBUG"
-cmake -S . -B build-asan "${generator[@]}" -DTARN_SANITIZE=ON -DTARN_BUILD_TESTS=ON \
-  -DTARN_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_FLAGS_RELWITHDEBINFO="$flags" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$flags"
+. scripts/sanitized-build.sh
+configure_sanitized build-asan TARN_SANITIZE "-O1 -g1 -DNDEBUG"
 cmake --build build-asan --parallel "$(nproc)"
 # Every report goes to a file, so that a finding in a program nobody waits for (the usage
 # reporter, the assistant) fails the run too. A small quarantine keeps the resident-memory

@@ -8,10 +8,8 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh test
 generator=()
 if command -v ninja >/dev/null; then generator=(-G Ninja); fi
-flags="-O1 -g -DNDEBUG"
-cmake -S . -B build-tsan "${generator[@]}" -DTARN_TSAN=ON -DTARN_BUILD_TESTS=ON \
-  -DTARN_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_FLAGS_RELWITHDEBINFO="$flags" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$flags"
+. scripts/sanitized-build.sh
+configure_sanitized build-tsan TARN_TSAN "-O1 -g -DNDEBUG"
 cmake --build build-tsan --parallel "$(nproc)" --target web_test process_test tasks_test log_test
 TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/scripts/sanitizers/tsan.supp" \
   ctest --test-dir build-tsan -L tsan --output-on-failure --parallel "$(nproc)" --timeout 900
