@@ -91,6 +91,7 @@ class notifier_worker : public QObject {
         if (caps.isValid()) {
           capabilities_known_ = true;
           offers_actions_ = caps.value().contains("actions");
+          marks_up_ = caps.value().contains("body-markup");
         }
       }
       QStringList actions;
@@ -100,7 +101,12 @@ class notifier_worker : public QObject {
       QVariantMap hints;
       hints.insert("urgency", QVariant::fromValue<uchar>(n.urgent ? 2 : 1));
       QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, "Notify");
-      call << app_name_ << replaces << QString() << qt_text(n.summary) << qt_text(n.body)
+      QString body = qt_text(n.body);
+      // Names of documents are the user's: "R&D <draft>.docx" is text, not markup.
+      if (marks_up_) {
+        body.replace('&', "&amp;").replace('<', "&lt;").replace('>', "&gt;");
+      }
+      call << app_name_ << replaces << QString() << qt_text(n.summary) << body
            << actions << hints << static_cast<int>(n.expire.count());
       QDBusReply<uint> reply = bus.call(call, QDBus::Block, timeout_ms_);
       if (reply.isValid()) {
@@ -126,6 +132,7 @@ class notifier_worker : public QObject {
   bool connected_ = false;
   bool capabilities_known_ = false;
   bool offers_actions_ = false;
+  bool marks_up_ = false;
 };
 
 desktop_notifier::desktop_notifier(std::string app_name, log_sink log,

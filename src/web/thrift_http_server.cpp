@@ -90,6 +90,11 @@ class request_reader : public TVirtualTransport<request_reader> {
       set_receive_timeout(clamp_ms(std::min(read_timeout_, left)));
       got = socket_->read(buf, len);
     }
+    // No line, header or JSON body holds one, and Thrift's line search would stop at it and
+    // wait for a line end that it can never see.
+    if (std::memchr(buf, '\0', got) != nullptr) {
+      throw TTransportException(TTransportException::CORRUPTED_DATA, "NUL byte in the request");
+    }
     charge(got);
     return got;
   }
