@@ -9,7 +9,7 @@ run_packages=(
   libthrift-dev thrift-compiler libcpprest-dev libssl-dev libboost-dev
   qt6-base-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libqpdf-dev qpdf libgxps-dev
-  libreoffice-writer-nogui libreoffice-calc libreoffice-impress-nogui libreofficekit-dev
+  libreoffice-writer libreoffice-calc libreoffice-impress-nogui libreofficekit-dev
   xdg-user-dirs xdg-utils file
 )
 test_packages=(
