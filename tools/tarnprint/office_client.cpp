@@ -86,7 +86,8 @@ std::optional<worker_link> connect_worker(const office_paths& paths) {
 // Starts tarnoffice in a session of its own, standard output and error going to the log, and
 // waits until it listens. Only the ready pipe is passed on: nothing else this program holds
 // reaches the office or what it starts.
-bool start_worker(const office_paths& paths, const office_settings& settings, std::string* err) {
+bool start_worker(const office_paths& paths, const office_settings& settings, bool prime,
+                  std::string* err) {
   const std::string program = settings.worker_program.string();
   const std::string log = paths.log_file().string();
   struct stat st;
@@ -130,6 +131,7 @@ bool start_worker(const office_paths& paths, const office_settings& settings, st
                                    settings.isolate_network ? "1" : "0",
                                    "--ready-fd",
                                    "3"};
+  if (prime) args.emplace_back("--prime");
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -159,12 +161,13 @@ bool start_worker(const office_paths& paths, const office_settings& settings, st
 // A worker to talk to: the running one, else one this call starts. The start lock keeps two
 // runs that find no worker at the same moment from starting two.
 std::optional<worker_link> connect_or_start(const office_paths& paths,
-                                            const office_settings& settings, std::string* err) {
+                                            const office_settings& settings, std::string* err,
+                                            bool prime = false) {
   if (auto link = connect_worker(paths)) return link;
   unique_fd lock = lock_file(paths.start_lock(), /*wait=*/true, err);
   if (!lock) return std::nullopt;
   if (auto link = connect_worker(paths)) return link;
-  if (!start_worker(paths, settings, err)) return std::nullopt;
+  if (!start_worker(paths, settings, prime, err)) return std::nullopt;
   if (auto link = connect_worker(paths)) return link;
   *err = "the office worker started but can't be reached at " + paths.socket().string();
   return std::nullopt;
@@ -182,7 +185,7 @@ bool warm_offices(const office_settings& settings, std::string* err) {
   const unsigned size = usable_pool_size(*runtime, settings);
   for (unsigned k = 0; k < size; ++k) {
     auto paths = slot_paths(*runtime, k, err);
-    if (!paths || !connect_or_start(*paths, settings, err)) return false;
+    if (!paths || !connect_or_start(*paths, settings, err, /*prime=*/true)) return false;
   }
   return true;
 }

@@ -32,6 +32,8 @@ int main(int argc, char** argv) {
                  "1: run the office without network where the system allows it; 0: don't");
   app.add_option("--ready-fd", options.ready_fd,
                  "a descriptor that gets one byte once the socket listens");
+  app.add_flag("--prime", options.prime,
+               "once loaded, convert a small text document, so that the first real one is quick");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

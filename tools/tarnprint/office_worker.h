@@ -13,6 +13,7 @@ struct worker_options {
   unsigned max_conversions = 50;
   std::chrono::seconds idle{600};
   int ready_fd = -1;  // gets one byte once the socket listens, then is closed
+  bool prime = false;  // convert a small text document once loaded (a warm-up's office)
 };
 
 // Serves until the worker has been idle for `idle`, has converted `max_conversions` documents
