@@ -102,53 +102,29 @@ TEST_F(commands_e2e_test, TheEndIsToldOnceWithWhatWasStoredAndWhatWasLeftOut) {
   // A file the print helper refuses: neither a document nor an image.
   const auto junk = w_->env().root() / "documents" / "november.docx";
   write_file(junk, std::string("\x01\x02\x03\xff\xfe junk", 10));
-  const auto missing = "999998.1";
-  struct row {
-    const char* what;
-    std::vector<std::filesystem::path> files;
-    bool with_missing;
-    uint32_t do_merge;
-    std::vector<std::string> keys;
-    std::string summary, body;
-  } rows[] = {
-      {"each a new document",
-       {w_->make_document("kilo.rtf", "Kiloword"), w_->make_document("lima.txt", "Limaword")},
-       false,
-       0,
-       {"Return"},
-       "Create PDF: done",
-       "2 PDFs stored as new documents"},
-      {"one joined, two left out",
-       {w_->make_document("mike.rtf", "Mikeword"), junk},
-       true,
-       1,
-       {"Return"},
-       "Create PDF: done, some documents left out",
-       "Stored 'mike.pdf' as a new document\n2 documents couldn't be converted: 999998.1 (not in "
-       "the store), november.docx (damaged or unreadable)"},
-      {"cancelled", {w_->make_document("oscar.rtf", "Oscarword")}, true, 1, {"Escape"}, "", ""},
-  };
-  // The merge question opens on "Save New Document", not related.
+  // The merge question opens on combining into a new document, not related.
+  w_->remember("do_merge", 1);
   w_->remember("how_to_save", 1);
   w_->remember("saver_new_related", 0);
-  for (const row& r : rows) {
-    SCOPED_TRACE(r.what);
+  for (const bool cancel : {false, true}) {
+    SCOPED_TRACE(cancel ? "cancelled" : "one joined, two left out");
     notes_from_ = w_->notes().shown().size();
-    auto refs = w_->import(r.files);
-    if (r.with_missing) refs.push_back(missing);
-    w_->remember("do_merge", r.do_merge);
-    x_display::answer user(w_->x(), "Merge items to one PDF", r.keys);
+    auto refs = w_->import({w_->make_document(cancel ? "oscar.rtf" : "mike.rtf", "Word"), junk});
+    refs.push_back("999998.1");
+    x_display::answer user(w_->x(), "Merge items to one PDF", {cancel ? "Escape" : "Return"});
     w_->send_command(kCreatePdf, refs);
     ASSERT_TRUE(user.answered());
     ASSERT_TRUE(w_->after_the_running_task());
-    if (r.summary.empty()) {
+    if (cancel) {
       EXPECT_THAT(shown(), IsEmpty());
       continue;
     }
     ASSERT_TRUE(shown_count(1)) << w_->trace();
     EXPECT_EQ(shown()[0].app, "Vantu Tarn");
-    EXPECT_EQ(shown()[0].summary, r.summary);
-    EXPECT_EQ(shown()[0].body, r.body);
+    EXPECT_EQ(shown()[0].summary, "Create PDF: done, some documents left out");
+    EXPECT_EQ(shown()[0].body,
+              "Stored 'mike.pdf' as a new document\n2 documents couldn't be converted: 999998.1 "
+              "(not in the store), november.docx (damaged or unreadable)");
   }
 }
 

@@ -21,13 +21,11 @@ std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
 // Ends the warm offices that the real tarnprint started below the private temporary folder `tmp`.
 void end_office_worker(const std::filesystem::path& tmp);
 
-// When this process was started as "tarnprint" or "tarnassist", plays that program and returns
-// true with its exit code.
-//   tarnprint /p SRC DST /noviewpdf: acts on SRC's first line: "FAIL" exits 2 with a message;
-//     "SILENT" exits 0 writing nothing; "HANG" writes half a PDF and waits for a signal;
-//     "BLOCK <fifo>" reads the FIFO to its end first; anything else writes a small PDF.
-//   tarnassist ARGS: with TARN_FAKE_BLOCK set, reads that FIFO to its end; exits 0.
-// Both write their arguments, one a line, to $TARN_FAKE_RECORD when it is set.
+// Started as "tarnprint" or "tarnassist", this process plays that program: true, and its exit
+// code. Both write their arguments, one a line, to $TARN_FAKE_RECORD when set. tarnprint /p SRC
+// DST acts on SRC's first line: "FAIL" exits 2 with a message; "SILENT" exits 0 writing nothing;
+// "HANG" writes a PDF and waits for a signal; "BLOCK <fifo>" first reads the FIFO to its end;
+// else it writes a small PDF. tarnassist with $TARN_FAKE_BLOCK set reads that FIFO first.
 bool play_helper_program(int argc, char** argv, int* exit_code);
 
 }  // namespace tarn::test
