@@ -1,7 +1,6 @@
-// Port 9090 tried as an attacker would: a web page, a local process or a host on the network
-// that sends too much, holds connections, trickles, never reads, forges log lines or comes
-// from elsewhere. The real gateway must stay within its memory, threads and time, and serve
-// the next honest client.
+// Port 9090 tried as an attacker would: a client that sends too much, holds connections,
+// trickles, never reads or comes from elsewhere. The real gateway must stay within its memory,
+// threads and time, and serve the next honest client.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <net/if.h>
@@ -19,71 +18,41 @@
 #include "convutils/CConvRegKey.h"
 #include "e2e_fixture.h"
 #include "platform/unique_fd.h"
-#include "web/raw_http_client.h"
 
 namespace tarn::test {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using clock = std::chrono::steady_clock;
 
-const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
-const std::string kVersionReply =
-    R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
 const std::string kCommandReply = R"json([1,"send_command",2,0,{}])json";
 constexpr const char* kUserKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
-constexpr const char* kPolicyKey = "Software\\Policies\\Vantu\\Tarn 5.0\\Gateway";
 
-// A send_command call; `raw_refs` are JSON string bodies, already escaped.
-std::string command(const std::string& connection, const std::string& location,
-                    const std::vector<std::string>& raw_refs) {
-  std::string refs;
-  for (const auto& ref : raw_refs) refs += (refs.empty() ? "\"" : ",\"") + ref + "\"";
-  return R"([1,"send_command",1,0,{"1":{"i32":0},"2":{"str":")" + connection +
-         R"("},"3":{"str":")" + location + R"("},"4":{"set":["str",)" +
-         std::to_string(raw_refs.size()) + "," + refs + "]}}]";
+std::string command(const std::string& connection, const std::vector<std::string>& refs) {
+  return send_command_message(kCreatePdf, connection, "", refs, 0);
 }
 
-// "1.1", "2.1" ... up to `count`.
 std::vector<std::string> numbered_refs(size_t count) {
   std::vector<std::string> refs;
   for (size_t i = 1; i <= count; ++i) refs.push_back(std::to_string(i) + ".1");
   return refs;
 }
 
-std::string body_of(const std::string& reply) {
-  const size_t end = reply.find("\r\n\r\n");
-  return end == std::string::npos ? "" : reply.substr(end + 4);
-}
-
-// A TCP client of any address family, optionally from a given source address.
 unique_fd connect_to(const std::string& address, const std::string& from = "") {
-  sockaddr_storage to{};
-  socklen_t length = 0;
-  int family = AF_INET;
-  if (address.find(':') != std::string::npos) {
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&to);
-    v6->sin6_family = family = AF_INET6;
-    v6->sin6_port = htons(kPort);
-    inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr);
-    length = sizeof(*v6);
-  } else {
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&to);
-    v4->sin_family = AF_INET;
-    v4->sin_port = htons(kPort);
-    inet_pton(AF_INET, address.c_str(), &v4->sin_addr);
-    length = sizeof(*v4);
-  }
-  unique_fd fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in6 v6{.sin6_family = AF_INET6, .sin6_port = htons(kPort)};
+  sockaddr_in v4{.sin_family = AF_INET, .sin_port = htons(kPort)};
+  const bool is_v6 = inet_pton(AF_INET6, address.c_str(), &v6.sin6_addr) == 1;
+  inet_pton(AF_INET, address.c_str(), &v4.sin_addr);
+  unique_fd fd(::socket(is_v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!from.empty()) {
-    sockaddr_in source{};
-    source.sin_family = AF_INET;
+    sockaddr_in source{.sin_family = AF_INET};
     inet_pton(AF_INET, from.c_str(), &source.sin_addr);
     EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&source), sizeof(source)), 0) << from;
   }
-  EXPECT_EQ(::connect(fd.get(), reinterpret_cast<sockaddr*>(&to), length), 0) << address;
+  const int connected = is_v6 ? ::connect(fd.get(), reinterpret_cast<sockaddr*>(&v6), sizeof(v6))
+                              : ::connect(fd.get(), reinterpret_cast<sockaddr*>(&v4), sizeof(v4));
+  EXPECT_EQ(connected, 0) << address;
   return fd;
 }
 
@@ -102,10 +71,6 @@ std::string exchange_on(const unique_fd& fd, const std::string& request) {
   return all;
 }
 
-double seconds_since(clock::time_point start) {
-  return std::chrono::duration<double>(clock::now() - start).count();
-}
-
 class hostile_client_e2e_test : public e2e_test {
  protected:
   void SetUp() override {
@@ -116,28 +81,6 @@ class hostile_client_e2e_test : public e2e_test {
   static void set_dword(reg_root root, const char* key, const char* name, DWORD value) {
     CConvRegKey setting(root, key, name, DWORD{0});
     ASSERT_EQ(setting.write_number(value), kErrorSuccess) << name;
-  }
-
-  // Short limits, so that each deadline shows within seconds.
-  static void use_short_deadlines() {
-    for (const auto& [name, seconds] : {std::pair{"IdleTimeoutSeconds", 2},
-                                        {"ReceiveTimeoutSeconds", 2},
-                                        {"RequestTimeoutSeconds", 4},
-                                        {"SendTimeoutSeconds", 2}})
-      set_dword(reg_root::current_user, kUserKey, name, static_cast<DWORD>(seconds));
-  }
-
-  std::string call(const std::string& body, const std::string& type = "application/x-thrift") {
-    raw_http_client client(kPort);
-    client.send("POST / HTTP/1.1\r\nHost: localhost:9090\r\nContent-Type: " + type +
-                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-    return body_of(client.read_reply());
-  }
-
-  std::string logs_page() {
-    raw_http_client client(kPort);
-    client.send("GET /logs HTTP/1.1\r\n\r\n");
-    return client.read_to_close();
   }
 };
 
@@ -153,22 +96,22 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   } attacks[] = {
       {"a 10 MiB connection with 65 references, as text/plain",
        [&] {
-         const std::string body = command(std::string(10 << 20, 'c'), "", numbered_refs(65));
+         const std::string body = command(std::string(10 << 20, 'c'), numbered_refs(65));
          EXPECT_EQ(call(body, "text/plain"), "") << "a body over the limit ends its connection";
        }},
       {"a 1.9 MiB connection, refused by the handler",
        [&] {
-         EXPECT_EQ(call(command(big_connection, "", {"1.1", "2.1"})), kCommandReply);
+         EXPECT_EQ(call(command(big_connection, {"1.1", "2.1"})), kCommandReply);
        }},
       {"1,001 references",
-       [&] { EXPECT_EQ(call(command("", "", numbered_refs(1001))), kCommandReply); }},
+       [&] { EXPECT_EQ(call(command("", numbered_refs(1001))), kCommandReply); }},
       {"a 101-byte reference",
-       [&] { EXPECT_EQ(call(command("", "", {std::string(99, '7') + ".1"})), kCommandReply); }},
+       [&] { EXPECT_EQ(call(command("", {std::string(99, '7') + ".1"})), kCommandReply); }},
       {"16 big bodies at once",
        [&] {
          std::vector<std::thread> clients;
          for (int i = 0; i < 16; ++i)
-           clients.emplace_back([&] { call(command(big_connection, "", {"1.1"})); });
+           clients.emplace_back([&] { call(command(big_connection, {"1.1"})); });
          for (auto& client : clients) client.join();
        }},
   };
@@ -179,20 +122,17 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
     EXPECT_LT(rss_kib - idle_kib, 64 * 1024) << a.name;
     EXPECT_EQ(call(kVersionCall), kVersionReply) << "served after " << a.name;
   }
-
-  const std::string logs = logs_page();
+  const std::string logs = get("/logs");
   EXPECT_LT(logs.size(), 70u * 1100) << "65 entries of at most 1 KiB each";
   EXPECT_THAT(logs, HasSubstr("refused: dms_connection of 1945600 bytes, more than 1024"));
   EXPECT_THAT(logs, HasSubstr("refused: 1001 references, more than 1000"));
   EXPECT_THAT(logs, HasSubstr("refused: a reference of 101 bytes, more than 100"));
 
-  // One connection, a million requests, pipelined: its buffers hold one request, not all.
-  constexpr int kRequests = 1'000'000;
+  // One connection, many requests, pipelined: its buffers hold one request, not all.
+  constexpr int kRequests = 300'000;
+  const std::string batch = version_calls(1000);
   const long before_kib = facts_of(gateway->pid()).rss_kib;
   const unique_fd client = connect_to("127.0.0.1");
-  std::string batch;
-  for (int i = 0; i < 1000; ++i)
-    batch += "POST / HTTP/1.1\r\nContent-Length: 24\r\n\r\n" + kVersionCall;
   std::atomic<int> replies{0};
   std::thread reader([&] {
     // Counts whole replies by their body; a body split between reads is kept for the next.
@@ -221,14 +161,19 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   }
   reader.join();
   const long after_kib = facts_of(gateway->pid()).rss_kib;
-  std::printf("1,000,000 keep-alive requests: RSS %ld -> %ld KiB\n", before_kib, after_kib);
+  std::printf("%d keep-alive requests: RSS %ld -> %ld KiB\n", kRequests, before_kib, after_kib);
   EXPECT_EQ(replies, kRequests);
   EXPECT_LE(after_kib - before_kib, 5 * 1024);
   stop(*gateway);
 }
 
 TEST_F(hostile_client_e2e_test, ThreadsAndTimeAreBounded) {
-  use_short_deadlines();
+  // Short limits, so that each deadline shows within seconds.
+  for (const auto& [name, seconds] : {std::pair{"IdleTimeoutSeconds", 2},
+                                      {"ReceiveTimeoutSeconds", 2},
+                                      {"RequestTimeoutSeconds", 4},
+                                      {"SendTimeoutSeconds", 2}})
+    set_dword(reg_root::current_user, kUserKey, name, static_cast<DWORD>(seconds));
   auto gateway = start_listening("gateway");
   const size_t idle_threads = facts_of(gateway->pid()).threads;
 
@@ -249,14 +194,9 @@ TEST_F(hostile_client_e2e_test, ThreadsAndTimeAreBounded) {
   }
   EXPECT_EQ(call(kVersionCall), kVersionReply) << "a fresh client once they have gone";
 
-  // Each kind of slow client ends by its own deadline; the server stays free for others.
-  const std::string big_reply_requests = [] {
-    std::string all;
-    for (int i = 0; i < 200'000; ++i)
-      all += "POST / HTTP/1.1\r\nContent-Length: 24\r\n\r\n" + kVersionCall;
-    return all;
-  }();
-  // Each behaviour returns once the client finds its connection closed by the server.
+  // Each kind of slow client ends by its own deadline: each behaviour returns once the client
+  // finds its connection closed by the server, which stays free for others.
+  const std::string flood = version_calls(200'000);
   const struct {
     const char* name;
     std::function<void(int fd)> behave;
@@ -279,10 +219,7 @@ TEST_F(hostile_client_e2e_test, ThreadsAndTimeAreBounded) {
          }
        },
        4 + 3.5},
-      {"never reads",
-       [&](int fd) {
-         ::send(fd, big_reply_requests.data(), big_reply_requests.size(), MSG_NOSIGNAL);
-       },
+      {"never reads", [&](int fd) { ::send(fd, flood.data(), flood.size(), MSG_NOSIGNAL); },
        2 + 8.0},
   };
   for (const auto& c : clients) {
@@ -292,32 +229,12 @@ TEST_F(hostile_client_e2e_test, ThreadsAndTimeAreBounded) {
     ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &watchdog, sizeof(watchdog));
     const auto start = clock::now();
     c.behave(fd.get());
-    const double took = seconds_since(start);
+    const double took = std::chrono::duration<double>(clock::now() - start).count();
     std::printf("%-25s ended after %.1f s\n", c.name, took);
     EXPECT_LT(took, c.at_most_seconds) << c.name;
     EXPECT_EQ(call(kVersionCall), kVersionReply) << "served after " << c.name;
   }
   stop(*gateway);
-}
-
-TEST_F(hostile_client_e2e_test, SigtermEndsTheGatewayWithinFiveSecondsWhileClientsHang) {
-  auto gateway = start_listening("gateway");  // default deadlines: none of them would end these
-  std::vector<unique_fd> clients;
-  clients.push_back(connect_to("127.0.0.1"));
-  ::send(clients.back().get(), "POST / HTTP/1.1\r\n", 17, MSG_NOSIGNAL);
-  clients.push_back(connect_to("::1"));
-  std::string flood;
-  for (int i = 0; i < 200'000; ++i) flood += post_request(kVersionCall);
-  std::thread never_reads(
-      [&, fd = clients.back().get()] { ::send(fd, flood.data(), flood.size(), MSG_NOSIGNAL); });
-  std::this_thread::sleep_for(1s);
-  const auto start = clock::now();
-  ASSERT_TRUE(gateway->send_signal(SIGTERM));
-  EXPECT_EQ(gateway->wait_exit(10s), std::optional<int>(0)) << gateway->error_output();
-  std::printf("SIGTERM to exit with two clients hanging: %.1f s\n", seconds_since(start));
-  EXPECT_LT(seconds_since(start), 5.0);
-  for (auto& fd : clients) ::shutdown(fd.get(), SHUT_RDWR);
-  never_reads.join();
 }
 
 TEST_F(hostile_client_e2e_test, ServesOnlyThisMachineItsNamesAndTheListedOrigins) {
@@ -326,7 +243,6 @@ TEST_F(hostile_client_e2e_test, ServesOnlyThisMachineItsNamesAndTheListedOrigins
   auto gateway = start_listening("gateway");
   char name[256] = {};
   gethostname(name, sizeof(name) - 1);
-  const std::string post_head = "POST / HTTP/1.1\r\nContent-Length: 24\r\n";
   const struct {
     const char* address;
     std::string head;  // header lines behind the request line
@@ -334,20 +250,16 @@ TEST_F(hostile_client_e2e_test, ServesOnlyThisMachineItsNamesAndTheListedOrigins
   } cases[] = {
       {"127.0.0.1", "Host: localhost:9090\r\n", true},
       {"::1", "Host: [::1]:9090\r\n", true},
-      {"127.0.0.1", "Host: 127.0.0.1\r\n", true},
       {"127.0.0.1", std::string("Host: ") + name + ":9090\r\n", true},
-      {"127.0.0.1", "", true},
       {"127.0.0.1", "Host: rebound.example:9090\r\n", false},
-      {"127.0.0.1", "Host: localhost.example\r\n", false},
-      {"127.0.0.1", "Origin: http://localhost:8080\r\n", true},
       {"127.0.0.1", "Origin: HTTPS://DMS.example\r\n", true},
       {"127.0.0.1", "Origin: https://evil.example\r\n", false},
-      {"127.0.0.1", "Origin: null\r\n", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.head);
-    const unique_fd fd = connect_to(c.address);
-    const std::string reply = exchange_on(fd, post_head + c.head + "\r\n" + kVersionCall);
+    const std::string reply =
+        exchange_on(connect_to(c.address),
+                    "POST / HTTP/1.1\r\nContent-Length: 24\r\n" + c.head + "\r\n" + kVersionCall);
     EXPECT_EQ(body_of(reply), c.served ? kVersionReply : "");
   }
   // A preflight or a GET from any page is answered; only its POST is held to the list.
@@ -357,21 +269,6 @@ TEST_F(hostile_client_e2e_test, ServesOnlyThisMachineItsNamesAndTheListedOrigins
   const std::string err = gateway->error_output();
   EXPECT_THAT(err, HasSubstr("Request refused: Host \"rebound.example:9090\" names another"));
   EXPECT_THAT(err, HasSubstr("Request refused: Origin \"https://evil.example\" is not allowed"));
-  stop(*gateway);
-}
-
-TEST_F(hostile_client_e2e_test, ControlBytesAreEscapedAndEscapedSlashesUnderstood) {
-  auto gateway = start_listening("gateway");
-  EXPECT_EQ(call(command(R"(c\r\n<0>forged\u001b)", R"(Offers\/2026)", {R"(1\/.1)"})),
-            kCommandReply);
-  EXPECT_EQ(call(R"([1,"get_version",1,0,{)"), "") << "malformed JSON is still refused";
-  const std::string logs = logs_page();
-  EXPECT_THAT(
-      logs, HasSubstr(R"(send_command(CREATE_PDF, "c\r\n<0>forged\x1b", "Offers/2026", "1/.1"))"));
-  EXPECT_THAT(logs, Not(HasSubstr("\n<0>")));
-  const std::string err = gateway->error_output();
-  EXPECT_THAT(err, HasSubstr(R"("c\r\n<0>forged\x1b")"));
-  EXPECT_THAT(err, Not(HasSubstr("\n<0>")));
   stop(*gateway);
 }
 
@@ -403,9 +300,11 @@ void enter_network_of_own(const char* extra_address) {
 // address on its loopback device, so that a peer from another host can be played.
 TEST_F(hostile_client_e2e_test, PeersOfOtherHostsAreClosedUnlessAllowed) {
   ASSERT_NO_FATAL_FAILURE(enter_network_of_own("192.0.2.10"));
-  for (const DWORD allow : {0u, 1u}) {
+  for (const bool allow : {false, true}) {  // no policy, as shipped; then the policy set
     SCOPED_TRACE(allow);
-    set_dword(reg_root::local_machine, kPolicyKey, "AllowRemoteClients", allow);
+    if (allow)
+      set_dword(reg_root::local_machine, "Software\\Policies\\Vantu\\Tarn 5.0\\Gateway",
+                "AllowRemoteClients", 1);
     auto gateway = start_listening(allow ? "allowed" : "refused");
     const std::string request = post_request(kVersionCall);
     EXPECT_EQ(body_of(exchange_on(connect_to("192.0.2.10", "192.0.2.10"), request)),

@@ -3,15 +3,21 @@
 // it shows, updates included, and the test reads that record back, and dunstctl's history.
 #pragma once
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "e2e_fixture.h"
 #include "platform/child_process.h"
+#include "support/run_program.h"
 
 namespace tarn::test {
 
@@ -26,29 +32,105 @@ inline void PrintTo(const shown_notification& n, std::ostream* os) {
 
 class notification_service {
  public:
-  // Starts the bus and dunst for `display`, keeping their files in `folder`.
-  notification_service(const std::string& display, const std::filesystem::path& folder);
-  ~notification_service();
+  notification_service(const std::string& display, const std::filesystem::path& folder)
+      : record_(folder / "shown.log"), address_("unix:path=" + (folder / "bus").string()) {
+    for (const char* tool : {kBus, kDunst, kDunstctl}) {
+      if (::access(tool, X_OK) != 0) {
+        why_ = std::string(tool) + " is missing (scripts/install-deps.sh test installs it)";
+        return;
+      }
+    }
+    // dunst hands the script appname, summary and body; fields and records get separators
+    // that no text of the tests holds.
+    const auto script = folder / "shown";
+    write_file(script,
+               "#!/bin/sh\nprintf '%s\\037%s\\037%s\\037%s\\036' \"$DUNST_ID\" \"$1\" \"$2\" "
+               "\"$3\" >> \"$0.log\"\n");
+    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    write_file(folder / "dunstrc",
+               "[record]\n    appname = \"*\"\n    script = " + script.string() + "\n");
+    // No services started on demand: dunstctl would otherwise start a dunst of its own.
+    write_file(folder / "bus.conf",
+               "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+               "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
+               "<type>session</type><listen>" +
+                   address_ +
+                   "</listen>"
+                   "<auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
+                   "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+                   "</busconfig>");
+    bus_ = child_process::start(
+        {kBus, "--config-file=" + (folder / "bus.conf").string(), "--nofork", "--nosyslog"}, {},
+        &why_);
+    // dunst gives up on a bus it can't reach yet.
+    if (!bus_ || !eventually([&] { return std::filesystem::exists(folder / "bus"); }, 20s)) return;
+    dunst_ = child_process::start(
+        {"/usr/bin/env", "DISPLAY=" + display, "DBUS_SESSION_BUS_ADDRESS=" + address_, kDunst,
+         "-conf", (folder / "dunstrc").string()},
+        {}, &why_);
+    // Up once it answers on the bus.
+    if (!bus_ || !dunst_ ||
+        !eventually([&] { return dunstctl({"is-paused"}).exit_code == 0; }, 20s))
+      why_ += "; dunst didn't come up on " + address_;
+  }
+  ~notification_service() {
+    for (auto* child : {dunst_.get(), bus_.get()}) {
+      if (!child) continue;
+      child->signal(SIGTERM);
+      child->wait_for(std::chrono::seconds(5));
+    }
+  }
 
   bool started() const { return why_.empty(); }
   const std::string& why() const { return why_; }
   const std::string& address() const { return address_; }  // for DBUS_SESSION_BUS_ADDRESS
 
-  // Everything shown so far, in order.
-  std::vector<shown_notification> shown() const;
-  // Closes what is on screen; the clients hear of it.
-  void close_all() const;
-  // Closes what is on screen, then reads `dunstctl history`:
-  // the last state of every notification, newest first.
-  std::vector<shown_notification> history() const;
-  // Clicks the notification on top, as the person would: its default action.
-  bool click() const;
+  std::vector<shown_notification> shown() const {
+    std::vector<shown_notification> all;
+    std::istringstream records(read_file(record_));
+    for (std::string record; std::getline(records, record, '\036');) {
+      std::istringstream fields(record);
+      shown_notification& n = all.emplace_back();
+      for (std::string* field : {&n.id, &n.app, &n.summary, &n.body})
+        std::getline(fields, *field, '\037');
+    }
+    return all;
+  }
+  void close_all() const { dunstctl({"close-all"}); }
+  // Closes what is on screen, then reads the last state of every notification, newest first.
+  std::vector<shown_notification> history() const {
+    close_all();
+    std::vector<shown_notification> all;
+    const program_result r = dunstctl({"history"});
+    const auto json = nlohmann::json::parse(r.out, nullptr, false);
+    if (json.is_discarded()) {
+      ADD_FAILURE() << "dunstctl history: " << r.out << r.err;
+      return all;
+    }
+    for (const auto& n : json.at("data").at(0)) {
+      all.push_back({std::to_string(n.at("id").at("data").get<int>()), n.at("appname").at("data"),
+                     n.at("summary").at("data"), n.at("body").at("data")});
+    }
+    return all;
+  }
+  bool click() const { return dunstctl({"action", "0"}).exit_code == 0; }
 
  private:
+  static constexpr const char* kBus = "/usr/bin/dbus-daemon";
+  static constexpr const char* kDunst = "/usr/bin/dunst";
+  static constexpr const char* kDunstctl = "/usr/bin/dunstctl";
+
+  program_result dunstctl(const std::vector<std::string>& args) const {
+    std::vector<std::string> argv{"/usr/bin/env", "DBUS_SESSION_BUS_ADDRESS=" + address_,
+                                  kDunstctl};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_program(argv, "", std::chrono::seconds(10));
+  }
+
   std::filesystem::path record_;
+  std::string address_;
   std::unique_ptr<child_process> bus_;
   std::unique_ptr<child_process> dunst_;
-  std::string address_;
   std::string why_;
 };
 

@@ -1,55 +1,21 @@
 #include "workstation.h"
 
-#include <algorithm>
-#include <thread>
-
-#include "e2e_fixture.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
-#include "web/raw_http_client.h"
 
 namespace tarn::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::unique_ptr<workstation>& the_workstation() {
-  static std::unique_ptr<workstation> one;
-  return one;
-}
-
+std::unique_ptr<workstation> the_workstation;
 // Ends the workstation after the last test, while gtest can still report what went wrong.
 class workstation_environment : public ::testing::Environment {
  public:
-  void TearDown() override { workstation::end(); }
+  void TearDown() override { the_workstation.reset(); }
 };
 [[maybe_unused]] const auto* const kRegistered =
     ::testing::AddGlobalTestEnvironment(new workstation_environment);
-
-std::string xml_text(const std::string& text) {
-  std::string out;
-  for (char c : text) out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : std::string(1, c);
-  return out;
-}
-
-void write_docx(const fs::path& file, const std::string& text) {
-  write_zip(file,
-            {{"[Content_Types].xml",
-              R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>)"
-              R"(<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types">)"
-              R"(<Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/>)"
-              R"(<Default Extension="xml" ContentType="application/xml"/>)"
-              R"(<Override PartName="/word/document.xml" ContentType="application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"/></Types>)"},
-             {"_rels/.rels",
-              R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>)"
-              R"(<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships">)"
-              R"(<Relationship Id="rId1" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/officeDocument" Target="word/document.xml"/></Relationships>)"},
-             {"word/document.xml",
-              R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?>)"
-              R"(<w:document xmlns:w="http://schemas.openxmlformats.org/wordprocessingml/2006/main">)"
-              "<w:body><w:p><w:r><w:t>" +
-                  xml_text(text) + "</w:t></w:r></w:p></w:body></w:document>"}});
-}
 
 program_result tarnctl(std::vector<std::string> args) {
   args.insert(args.begin(), dist_program("tarnctl"));
@@ -63,34 +29,10 @@ program_result set_dword(const std::string& key, const std::string& value, uint3
 
 }  // namespace
 
-std::string send_command_message(int cmd, const std::string& connection,
-                                 const std::string& location, const std::vector<std::string>& refs,
-                                 int seqid) {
-  nlohmann::json set = nlohmann::json::array({"str", refs.size()});
-  for (const auto& ref : refs) set.push_back(ref);
-  const nlohmann::json args = {{"1", {{"i32", cmd}}},
-                               {"2", {{"str", connection}}},
-                               {"3", {{"str", location}}},
-                               {"4", {{"set", set}}}};
-  return nlohmann::json::array({1, "send_command", 1, seqid, args}).dump();
-}
-
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds deadline) {
-  const auto end = std::chrono::steady_clock::now() + deadline;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
-
 workstation& workstation::get() {
-  auto& one = the_workstation();
-  if (!one) one.reset(new workstation());
-  return *one;
+  if (!the_workstation) the_workstation.reset(new workstation());
+  return *the_workstation;
 }
-
-void workstation::end() { the_workstation().reset(); }
 
 workstation::workstation() {
   prepare_sandbox(env_);
@@ -122,7 +64,8 @@ workstation::workstation() {
                  " %f\nMimeType=inode/directory;\n");
   write_file(env_.home() / ".config/mimeapps.list",
              "[Default Applications]\ninode/directory=tarn-test-folder.desktop\n");
-  for (const program_result& r : {tarnctl({"setup"}), set_dword("TarnGateWay", "Tarn_GateWay_fetatures", 4)}) {
+  for (const program_result& r :
+       {tarnctl({"setup"}), set_dword("TarnGateWay", "Tarn_GateWay_fetatures", 4)}) {
     if (r.exit_code != 0) {
       why_ = "tarnctl failed: " + r.err;
       return;
@@ -132,18 +75,8 @@ workstation::workstation() {
     why_ = "something already listens on port 9090";
     return;
   }
-  if (!restart_gateway(true)) why_ = "the gateway didn't listen:\n" + gateway_->error_output();
-}
-
-bool workstation::restart_gateway(bool with_bus) {
-  if (gateway_ && gateway_->started()) {
-    gateway_->send_signal(SIGTERM);
-    EXPECT_EQ(gateway_->wait_exit(), std::optional<int>(0)) << gateway_->error_output();
-  }
-  env_.set_env("DBUS_SESSION_BUS_ADDRESS",
-               with_bus ? std::optional<std::string>(notes_->address()) : std::nullopt);
-  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway" + std::to_string(++gateways_));
-  return gateway_->wait_listening();
+  gateway_ = std::make_unique<gateway_process>(env_.root(), "gateway");
+  if (!gateway_->wait_listening()) why_ = "the gateway didn't listen:\n" + gateway_->error_output();
 }
 
 workstation::~workstation() {
@@ -156,16 +89,6 @@ workstation::~workstation() {
   end_office_worker(temp());
   notes_.reset();
   x_.reset();
-}
-
-fs::path workstation::make_document(const std::string& name, const std::string& text) {
-  const fs::path file = env_.root() / "documents" / std::to_string(++made_) / name;
-  fs::create_directories(file.parent_path());
-  if (file.extension() == ".docx")
-    write_docx(file, text);
-  else
-    write_file(file, text + "\n");
-  return file;
 }
 
 std::vector<std::string> workstation::import(const std::vector<fs::path>& files,
@@ -191,7 +114,7 @@ nlohmann::json workstation::dms(const std::vector<std::string>& args) {
   return nlohmann::json::parse(r.out, nullptr, false);
 }
 
-workstation::pdf_facts workstation::exported(const std::string& ref) {
+std::string workstation::exported(const std::string& ref) {
   const fs::path dir = env_.root() / "exports" / std::to_string(++made_);
   fs::create_directories(dir);
   const program_result r = tarnctl({"dms", "export", ref, dir.string()});
@@ -199,49 +122,26 @@ workstation::pdf_facts workstation::exported(const std::string& ref) {
     ADD_FAILURE() << "tarnctl dms export " << ref << " failed: " << r.err;
     return {};
   }
-  pdf_facts facts{pdf_text(fs::directory_iterator(dir)->path())};
-  // pdftotext ends every page with a form feed.
-  facts.pages = static_cast<int>(std::count(facts.text.begin(), facts.text.end(), '\f'));
-  return facts;
-}
-std::string workstation::post(const std::string& message) {
-  raw_http_client client(kPort);
-  if (!client.send(post_request(message))) return "";
-  const std::string reply = client.read_reply();
-  const size_t body = reply.find("\r\n\r\n");
-  return body == std::string::npos ? "" : reply.substr(body + 4);
+  return pdf_text(fs::directory_iterator(dir)->path());
 }
 
-std::string workstation::send_command(int cmd, const std::vector<std::string>& refs,
-                                      const std::string& connection, const std::string& location) {
+void workstation::send_command(int cmd, const std::vector<std::string>& refs,
+                               const std::string& connection, const std::string& location) {
   const int seqid = seqid_++;
-  const std::string reply = post(send_command_message(cmd, connection, location, refs, seqid));
-  EXPECT_EQ(reply, "[1,\"send_command\",2," + std::to_string(seqid) + ",{}]");
-  return reply;
+  EXPECT_EQ(call(send_command_message(cmd, connection, location, refs, seqid)),
+            "[1,\"send_command\",2," + std::to_string(seqid) + ",{}]");
 }
 
 bool workstation::after_the_running_task() {
-  const std::string idle = "ERROR: create_pdf_task::do_work() nothing to do.";
-  const size_t before = trace_count(idle);
+  const auto idle_lines = [this] {
+    const std::string all = trace(), idle = ": ERROR: create_pdf_task::do_work() nothing to do.\n";
+    size_t count = 0;
+    for (size_t at = all.find(idle); at != std::string::npos; at = all.find(idle, at + 1)) ++count;
+    return count;
+  };
+  const size_t before = idle_lines();
   send_command(kCreatePdf, {});
-  return eventually([&] { return trace_count(idle) > before; });
-}
-
-std::string workstation::logs() {
-  raw_http_client client(kPort);
-  client.send("GET /logs HTTP/1.1\r\nHost: localhost:9090\r\n\r\n");
-  const std::string reply = client.read_to_close();
-  const size_t body = reply.find("\r\n\r\n");
-  return body == std::string::npos ? "" : reply.substr(body + 4);
-}
-
-size_t workstation::trace_count(const std::string& text) const {
-  const std::string all = trace();
-  size_t count = 0;
-  for (size_t at = all.find(": " + text + "\n"); at != std::string::npos;
-       at = all.find(": " + text + "\n", at + 1))
-    ++count;
-  return count;
+  return eventually([&] { return idle_lines() > before; });
 }
 
 std::vector<std::string> workstation::temp_files() const {

@@ -1,8 +1,6 @@
 #!/bin/sh
-# Runs a test program. As root, it runs as the unprivileged user tarn-test instead, with that
-# user's home, XDG folders and a private TMPDIR, so that a permission fault root would pass
-# over shows up. TARN_TEST_AS_ROOT=1 (a test's NEEDS_ROOT) keeps root. Listing the tests of
-# a GoogleTest program runs as the caller.
+# Runs a test program; as root, as the user tarn-test with its own home and TMPDIR, so that a
+# permission fault root would pass over shows up. TARN_TEST_AS_ROOT=1 (NEEDS_ROOT) keeps root.
 user=tarn-test
 if [ "$(id -u)" -ne 0 ] || [ "${TARN_TEST_AS_ROOT:-0}" = 1 ]; then exec "$@"; fi
 for arg in "$@"; do

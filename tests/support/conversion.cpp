@@ -81,14 +81,13 @@ void write_xps(const std::filesystem::path& file, const std::vector<std::string>
   if (font.empty()) throw std::runtime_error(std::string("missing font ") + kFont);
   const std::string ns =
       oxps ? "http://schemas.openxps.org/oxps/v1.0" : "http://schemas.microsoft.com/xps/2005/06";
-  const std::string rel = oxps ? "http://schemas.openxps.org/oxps/v1.0/fixedrepresentation"
-                               : "http://schemas.microsoft.com/xps/2005/06/fixedrepresentation";
   std::vector<std::pair<std::string, std::string>> entries = {
       {"_rels/.rels",
-       "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Relationships "
-       "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"><Relationship "
-       "Type=\"" +
-           rel + "\" Target=\"/FixedDocumentSequence.fdseq\" Id=\"R0\"/></Relationships>"},
+       "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">"
+       "<Relationship Type=\"" +
+           ns +
+           "/fixedrepresentation\" "
+           "Target=\"/FixedDocumentSequence.fdseq\" Id=\"R0\"/></Relationships>"},
       {"FixedDocumentSequence.fdseq",
        "<FixedDocumentSequence xmlns=\"" + ns +
            "\"><DocumentReference Source=\"/Documents/1/FixedDocument.fdoc\"/>"

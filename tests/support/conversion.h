@@ -1,6 +1,5 @@
-// Support for the tests of the conversion path: small XPS packages built on the spot, judges
-// of PDF files (qpdf --check, pdftotext), and stand-ins for the product's helper programs at
-// their command-line contract.
+// For the tests of the conversion path: small XPS packages, judges of PDF files, and stand-ins
+// for the product's helper programs at their command-line contract.
 #pragma once
 
 #include <filesystem>
@@ -10,9 +9,7 @@
 
 namespace tarn::test {
 
-// A zip with _rels/.rels, FixedDocumentSequence.fdseq, Documents/1/FixedDocument.fdoc and one
-// FixedPage per text, each a Glyphs line in DejaVu Sans embedded as the page's font. OXPS
-// uses that format's namespaces instead.
+// One page per text, each a line in DejaVu Sans embedded as the font; OXPS namespaces if `oxps`.
 void write_xps(const std::filesystem::path& file, const std::vector<std::string>& page_texts,
                bool oxps = false);
 void write_zip(const std::filesystem::path& file,
@@ -21,17 +18,14 @@ void write_zip(const std::filesystem::path& file,
 bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
 std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
 
-// Ends the warm offices that the real tarnprint started under the private temporary folder
-// `tmp`, and waits until it is gone.
+// Ends the warm offices that the real tarnprint started below the private temporary folder `tmp`.
 void end_office_worker(const std::filesystem::path& tmp);
 
-// When this process was started as "tarnprint" or "tarnassist" (by its file name), plays
-// that program and returns true with its exit code.
-//   tarnprint /p SRC DST /noviewpdf: acts on SRC's first line: "FAIL" exits 2 with a message;
-//     "SILENT" exits 0 writing nothing; "HANG" writes half a PDF and waits for a signal;
-//     "BLOCK <fifo>" reads the FIFO to its end first; anything else writes a small PDF.
-//   tarnassist ARGS: with TARN_FAKE_BLOCK set, reads that FIFO to its end; exits 0.
-// Both write their arguments, one a line, to $TARN_FAKE_RECORD when it is set.
+// Started as "tarnprint" or "tarnassist", this process plays that program: true, and its exit
+// code. Both write their arguments, one a line, to $TARN_FAKE_RECORD when set. tarnprint /p SRC
+// DST acts on SRC's first line: "FAIL" exits 2 with a message; "SILENT" exits 0 writing nothing;
+// "HANG" writes a PDF and waits for a signal; "BLOCK <fifo>" first reads the FIFO to its end;
+// else it writes a small PDF. tarnassist with $TARN_FAKE_BLOCK set reads that FIFO first.
 bool play_helper_program(int argc, char** argv, int* exit_code);
 
 }  // namespace tarn::test

@@ -1,5 +1,4 @@
-// Registers a component library for a class id in a store of the test's sandbox, as
-// `tarnctl setup` does for the shipped ones.
+// Registers a component library for a class id, as `tarnctl setup` does for the shipped ones.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -3,86 +3,65 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <stdexcept>
+
+#include "platform/child_process.h"
 
 namespace tarn::test {
 
 program_result run_program(const std::vector<std::string>& args, const std::string& input,
                            std::chrono::milliseconds timeout) {
-  int in_pipe[2], out_pipe[2], err_pipe[2];
-  if (pipe2(in_pipe, O_CLOEXEC) != 0 || pipe2(out_pipe, O_CLOEXEC) != 0 ||
-      pipe2(err_pipe, O_CLOEXEC) != 0)
-    throw std::runtime_error("pipe failed");
-  std::vector<char*> argv;
-  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-
-  pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    dup2(in_pipe[0], STDIN_FILENO);
-    dup2(out_pipe[1], STDOUT_FILENO);
-    dup2(err_pipe[1], STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(in_pipe[0]);
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  signal(SIGPIPE, SIG_IGN);
+  std::vector<std::string> argv = args;
+  std::string input_file;  // the child's standard input is /dev/null unless redirected
   if (!input.empty()) {
-    size_t done = 0;
-    while (done < input.size()) {
-      ssize_t n = write(in_pipe[1], input.data() + done, input.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      done += static_cast<size_t>(n);
-    }
+    input_file = (std::filesystem::temp_directory_path() / "tarn-input-XXXXXX").string();
+    const unique_fd file(mkstemp(input_file.data()));
+    if (!file ||
+        write(file.get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+      throw std::runtime_error("can't write " + input_file);
+    argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\" < \"$0\"", input_file});
   }
-  close(in_pipe[1]);
-
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  unique_fd out_write(out[1]), err_write(err[1]);
   program_result result;
+  auto child = child_process::start(
+      argv, {.stdout_fd = out_write.get(), .stderr_fd = err_write.get()}, &result.err);
+  out_write.reset();
+  err_write.reset();
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
-  int open_fds = 2;
-  bool killed = false;
-  while (open_fds > 0) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+  while (child && (fds[0].fd >= 0 || fds[1].fd >= 0)) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 && !killed) {
-      kill(pid, SIGKILL);
-      killed = true;
+    if (left.count() <= 0) {
+      child->signal(SIGKILL);
+      break;
     }
-    int ready = poll(fds, 2, killed ? 1000 : static_cast<int>(left.count()));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0 && killed) break;
+    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       char buffer[8192];
-      ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_fds;
-      }
+      const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n > 0) sinks[i]->append(buffer, static_cast<size_t>(n));
+      if (n == 0 || (n < 0 && errno != EINTR)) fds[i].fd = -1;
     }
   }
-  for (auto& fd : fds)
-    if (fd.fd >= 0) close(fd.fd);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  close(out[0]);
+  close(err[0]);
+  result.exit_code = child ? child->wait() : 127;
+  if (!input_file.empty()) unlink(input_file.c_str());
   return result;
 }
 
-std::string dist_program(const std::string& name) { return std::string(TARN_DIST_DIR) + "/" + name; }
+std::string dist_program(const std::string& name) {
+  return std::string(TARN_DIST_DIR) + "/" + name;
+}
 
 }  // namespace tarn::test

@@ -8,13 +8,12 @@
 namespace tarn::test {
 
 struct program_result {
-  int exit_code = -1;  // 128 + signal when killed by one
+  int exit_code = -1;  // 128 + signal when killed by one; 127 when it can't be started
   std::string out;
   std::string err;
 };
 
-// args[0] is the program's path. The child is killed after `timeout` and the result says so
-// with exit_code 128 + SIGKILL.
+// args[0] is the program's path. The child is killed (SIGKILL) after `timeout`.
 program_result run_program(const std::vector<std::string>& args, const std::string& input = "",
                            std::chrono::milliseconds timeout = std::chrono::seconds(120));
 

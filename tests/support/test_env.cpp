@@ -6,6 +6,13 @@
 #include <sstream>
 
 namespace tarn::test {
+namespace {
+
+void put_env(const std::string& name, const std::optional<std::string>& value) {
+  value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+}
+
+}  // namespace
 
 scoped_test_env::scoped_test_env() {
   std::string pattern = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
@@ -25,13 +32,7 @@ scoped_test_env::scoped_test_env() {
 }
 
 scoped_test_env::~scoped_test_env() {
-  for (const auto& [name, value] : saved_) {
-    if (value) {
-      setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      unsetenv(name.c_str());
-    }
-  }
+  for (const auto& [name, value] : saved_) put_env(name, value);
   std::error_code ec;
   // Tests may leave read-only folders behind on purpose; make them removable first.
   for (auto it = std::filesystem::recursive_directory_iterator(root_, ec);
@@ -46,13 +47,9 @@ scoped_test_env::~scoped_test_env() {
 void scoped_test_env::set_env(const std::string& name, const std::optional<std::string>& value) {
   if (!saved_.count(name)) {
     const char* old = getenv(name.c_str());
-    saved_[name] = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
+    saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
   }
-  if (value) {
-    setenv(name.c_str(), value->c_str(), 1);
-  } else {
-    unsetenv(name.c_str());
-  }
+  put_env(name, value);
 }
 
 std::string read_file(const std::filesystem::path& path) {

@@ -1,6 +1,5 @@
-// A private sandbox for one test: a fresh temporary folder with HOME, the XDG folders, TMPDIR
-// and TARN_MACHINE_REGISTRY pointed inside it. The environment is restored and the folder
-// removed on destruction, also after a failed assertion.
+// A private sandbox for one test: HOME, the XDG folders, TMPDIR and TARN_MACHINE_REGISTRY in a
+// fresh folder; the environment is restored and the folder removed at the end.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -33,7 +32,6 @@ class scoped_test_env {
   std::map<std::string, std::optional<std::string>> saved_;
 };
 
-// Base fixture: every test gets its own sandbox.
 class sandboxed_test : public ::testing::Test {
  protected:
   scoped_test_env env_;

@@ -17,8 +17,7 @@ constexpr const char* kXdotool = "/usr/bin/xdotool";
 
 x_display::x_display() {
   if (access(kXvfb, X_OK) != 0 || access(kXdotool, X_OK) != 0) {
-    why_ = std::string(kXvfb) + " or " + kXdotool +
-           " is missing (scripts/install-deps.sh test installs xvfb and xdotool)";
+    why_ = std::string(kXvfb) + " or " + kXdotool + " is missing (scripts/install-deps.sh test)";
     return;
   }
   int fds[2];
@@ -30,11 +29,12 @@ x_display::x_display() {
   unique_fd writer(fds[1]);
   // -displayfd: the server picks a free number itself and says which. -noreset: a server whose
   // last client left would reset and refuse connections meanwhile.
-  server_ = child_process::start({kXvfb, "-displayfd", "1", "-noreset", "-nolisten", "tcp",
-                                  "-screen", "0", "1280x1024x24"},
-                                 {.stdout_fd = writer.get()}, &why_);
+  server_ = child_process::start(
+      {kXvfb, "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"},
+      {.stdout_fd = writer.get()}, &why_);
   writer.reset();
   char number[16] = {};
+  // Xvfb writes the newline apart and ends should nobody read it.
   if (!server_ || !fgets(number, sizeof number, reader.get())) {
     why_ += "; Xvfb named no display";
     server_.reset();
@@ -46,7 +46,7 @@ x_display::x_display() {
 
 x_display::~x_display() {
   if (!server_) return;
-  // SIGTERM lets it remove its socket and lock file; the destructor kills what still runs.
+  // SIGTERM lets it remove its socket and lock file.
   server_->signal(SIGTERM);
   server_->wait_for(std::chrono::seconds(10));
 }
@@ -66,12 +66,12 @@ x_display::answer::answer(const x_display& x, const std::string& title,
 
 void x_display::close_questions(const std::vector<std::string>& titles) const {
   for (const auto& title : titles) {
-    auto user = child_process::start(
-        {"/bin/sh", "-c",
-         std::string("for w in $(DISPLAY=\"$0\" ") + kXdotool +
-             " search --onlyvisible --name \"$1\"); do DISPLAY=\"$0\" " + kXdotool +
-             " windowfocus --sync $w key Escape; done",
-         display_, "^" + title + "$"});
+    auto user =
+        child_process::start({"/bin/sh", "-c",
+                              std::string("for w in $(DISPLAY=\"$0\" ") + kXdotool +
+                                  " search --onlyvisible --name \"$1\"); do DISPLAY=\"$0\" " +
+                                  kXdotool + " windowfocus --sync $w key Escape; done",
+                              display_, "^" + title + "$"});
     if (user && !user->wait_for(std::chrono::seconds(10))) user->signal(SIGKILL);
   }
 }

@@ -1,5 +1,5 @@
-// A private X server (Xvfb) for tests that show real windows, and a person at it who answers the
-// gateway's questions with xdotool. Both are children of the test: only they are ever ended.
+// A private X server (Xvfb) for tests that show real windows, and a person at it who answers
+// questions with xdotool. Both are children of the test: only they are ever ended.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@ namespace tarn::test {
 
 class x_display {
  public:
-  // Starts Xvfb on a free display number. started() says whether it runs; why() says why not.
+  // Starts Xvfb on a free display number; why() says why it didn't start.
   x_display();
   ~x_display();
   x_display(const x_display&) = delete;
@@ -23,19 +23,15 @@ class x_display {
   const std::string& display() const { return display_; }  // ":N"
   const std::string& why() const { return why_; }
 
-  // Presses Escape in every window of these titles that is up now, as a person would who finds
-  // a question nobody answered.
+  // Presses Escape in every window of these titles that is up now.
   void close_questions(const std::vector<std::string>& titles) const;
 
-  // The person at the display: waits for a visible window titled exactly `title`, clicks it
-  // into focus (no window manager hands focus out here) and types `keys` (xdotool key names,
-  // such as "alt+o" or "Return"; none: the window is only waited for). Runs beside the test
-  // until answered() is asked.
+  // Waits beside the test for a visible window titled exactly `title`, focuses it (no window
+  // manager does here) and types `keys` (xdotool key names such as "alt+o"; none: only waits).
   class answer {
    public:
     answer(const x_display& x, const std::string& title, const std::vector<std::string>& keys);
-    // True when the window came up within `deadline` and the keys went out; a window that never
-    // came makes it false, and the waiting xdotool is ended.
+    // True when the window came up within `deadline` and the keys went out.
     bool answered(std::chrono::milliseconds deadline = std::chrono::seconds(60));
 
    private:
