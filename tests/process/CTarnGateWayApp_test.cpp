@@ -1,6 +1,5 @@
 #include "process/CTarnGateWayApp.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,7 +9,9 @@
 #include <QTimer>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -75,15 +76,10 @@ std::set<std::string> server_socket_inodes(int port) {
   std::snprintf(hex_port, sizeof hex_port, ":%04X", port);
   for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
     std::ifstream in(table);
-    std::string line;
-    std::getline(in, line);
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
       std::istringstream fields(line);
-      std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
-      fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
-          timeout >> inode;
-      if (local.size() > 5 && local.compare(local.size() - 5, 5, hex_port) == 0)
-        inodes.insert(inode);
+      const std::vector<std::string> f{std::istream_iterator<std::string>(fields), {}};
+      if (f.size() > 9 && f[1].ends_with(hex_port)) inodes.insert(f[9]);
     }
   }
   return inodes;
@@ -91,15 +87,11 @@ std::set<std::string> server_socket_inodes(int port) {
 
 std::set<std::string> socket_inodes_of(pid_t pid) {
   std::set<std::string> inodes;
-  const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
-  if (!listing) return inodes;
-  while (dirent* entry = readdir(listing.get())) {
-    char target[256] = {};
-    const std::string link = dir + "/" + entry->d_name;
-    if (readlink(link.c_str(), target, sizeof target - 1) <= 0) continue;
-    std::string text(target);
-    if (text.rfind("socket:[", 0) == 0) inodes.insert(text.substr(8, text.size() - 9));
+  std::error_code ec;
+  for (const auto& fd :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
+    const std::string target = std::filesystem::read_symlink(fd, ec).string();
+    if (target.starts_with("socket:[")) inodes.insert(target.substr(8, target.size() - 9));
   }
   return inodes;
 }

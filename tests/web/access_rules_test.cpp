@@ -32,35 +32,14 @@ TEST(access_rules, PeerIsLoopbackOnlyFromThisMachine) {
 
 TEST(access_rules, HostMustNameThisMachine) {
   const std::vector<std::string> own = {"desk7.corp.example", "desk7"};
-  const struct {
-    const char* host;
-    bool allowed;
-  } cases[] = {
-      {"localhost", true},
-      {"LocalHost:9090", true},
-      {"localhost.:9090", true},
-      {" 127.0.0.1:9090 ", true},
-      {"127.8.9.1", true},
-      {"[::1]:9090", true},
-      {"[::1]", true},
-      {"[::ffff:127.0.0.1]", true},
-      {"desk7", true},
-      {"DESK7.corp.example:9090", true},
-      {"", false},
-      {":9090", false},
-      {"evil.example", false},
-      {"localhost.evil.example", false},
-      {"127.0.0.1.evil.example", false},
-      {"127.1", false},
-      {"192.0.2.10:9090", false},
-      {"[::2]:9090", false},
-      {"::1", false},
-      {"desk7x", false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.host);
-    EXPECT_EQ(host_allowed(c.host, own), c.allowed);
-  }
+  for (const char* host :
+       {"localhost", "LocalHost:9090", "localhost.:9090", " 127.0.0.1:9090 ", "127.8.9.1",
+        "[::1]:9090", "[::1]", "[::ffff:127.0.0.1]", "desk7", "DESK7.corp.example:9090"})
+    EXPECT_TRUE(host_allowed(host, own)) << host;
+  for (const char* host :
+       {"", ":9090", "evil.example", "localhost.evil.example", "127.0.0.1.evil.example", "127.1",
+        "192.0.2.10:9090", "[::2]:9090", "::1", "desk7x"})
+    EXPECT_FALSE(host_allowed(host, own)) << host;
 }
 
 TEST(access_rules, OriginListIsParsedAndMatchedWhole) {
