@@ -42,7 +42,6 @@ TEST_F(ConvertXpsToPdf_test, LoadsOnFirstUseTriesAgainUntilThereAndKeepsIt) {
 
   install_library(test::dist_program(kTarnImageLibrary));
   EXPECT_TRUE(convert());
-  EXPECT_TRUE(test::pdf_is_valid(target_));
   EXPECT_EQ(test::pdf_text(target_), "Hello XPS\n\n\fZweite Seite\n\n\f");
 
   fs::remove(install_ / kTarnImageLibrary);
@@ -52,22 +51,19 @@ TEST_F(ConvertXpsToPdf_test, LoadsOnFirstUseTriesAgainUntilThereAndKeepsIt) {
 }
 
 TEST_F(ConvertXpsToPdf_test, BrokenOrIncompleteLibraryGivesFalseAndStaysUnloaded) {
+  test::write_file(env_.tmp() / "junk.so", std::string(4096, 'x'));
   const struct {
     const char* name;
-    std::string library;  // bytes, or the path of a library to copy
+    std::string library;  // the path of a library to copy
     const char* reason;
   } cases[] = {
-      {"not a library", std::string(4096, 'x'), "invalid ELF header"},
+      {"not a library", (env_.tmp() / "junk.so").string(), "invalid ELF header"},
       {"lacks Backdrop", std::string(TARN_FAKES_DIR) + "/tarnimage_without_backdrop.so",
        "no entry point Backdrop"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    if (c.library.ends_with(".so")) {
-      install_library(c.library);
-    } else {
-      test::write_file(install_ / kTarnImageLibrary, c.library);
-    }
+    install_library(c.library);
     auto trace = capture();
     EXPECT_FALSE(convert());
     const Lines lines = trace.lines();
