@@ -48,10 +48,7 @@ class launch_test : public test::sandboxed_test {
 
 TEST_F(launch_test, CheckCommandLineLooksOnlyAtTheFirstQuotedText) {
   test::write_file(target_, "");
-  const struct {
-    std::string line;
-    bool passes;
-  } cases[] = {
+  const std::pair<std::string, bool> cases[] = {
       {"no quotes at all /nonexistent", true},
       {"\"/nonexistent/missing.pdf\"", false},
       {"\"https://example.com/a b\" x", true},
@@ -61,11 +58,11 @@ TEST_F(launch_test, CheckCommandLineLooksOnlyAtTheFirstQuotedText) {
       {"\"unclosed /nonexistent", true},
       {std::string(4096, 'a'), false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line.substr(0, 60));
+  for (const auto& [line, passes] : cases) {
+    SCOPED_TRACE(line.substr(0, 60));
     std::string checked = "untouched";
-    EXPECT_EQ(CheckCommandLine(c.line, &checked), c.passes);
-    EXPECT_EQ(checked, c.passes ? c.line : "untouched");
+    EXPECT_EQ(CheckCommandLine(line, &checked), passes);
+    EXPECT_EQ(checked, passes ? line : "untouched");
   }
 }
 

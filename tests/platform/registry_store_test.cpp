@@ -59,15 +59,11 @@ TEST_F(registry_store_test, KeysAreCaseInsensitiveMadeWithParentsAndRemovedWithT
 }
 
 TEST(registry_text, RoundTripsThroughUtf16) {
-  const struct {
-    const char* utf8;
-    size_t bytes;
-  } cases[] = {{"", 2}, {"abc", 8}, {"Grüße", 12}, {"日本", 6}, {"\xF0\x9F\x93\x84 pdf", 14}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.utf8);
-    const std::string bytes = reg_sz_bytes(c.utf8);
-    EXPECT_EQ(bytes.size(), c.bytes);
-    EXPECT_EQ(reg_sz_text(bytes), c.utf8);
+  const std::pair<const char*, size_t> cases[] = {
+      {"", 2}, {"abc", 8}, {"Grüße", 12}, {"日本", 6}, {"\xF0\x9F\x93\x84 pdf", 14}};
+  for (const auto& [text, size] : cases) {
+    EXPECT_EQ(reg_sz_bytes(text).size(), size) << text;
+    EXPECT_EQ(reg_sz_text(reg_sz_bytes(text)), text);
   }
   EXPECT_EQ(reg_sz_text(std::string("a\0b\0\0\0c\0", 8)), "ab");
 }

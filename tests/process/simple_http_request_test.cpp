@@ -21,19 +21,13 @@ int closed_port() {
 }
 
 TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
-  const struct {
-    const char* verb;
-    const char* method;
-  } verbs[] = {
+  const std::pair<const char*, const char*> verbs[] = {
       {"get", "GET"},     {"Put", "PUT"},         {"post", "POST"},   {"delete", "DELETE"},
       {"HEAD", "HEAD"},   {"options", "OPTIONS"}, {"trace", "TRACE"}, {"connect", "CONNECT"},
       {"merge", "MERGE"}, {"pAtCh", "PATCH"},     {"fetch", "GET"},   {"DEL", "GET"},
   };
-  for (const auto& v : verbs) {
-    SCOPED_TRACE(v.verb);
-    simple_http_request request("http://127.0.0.1:1", v.verb);
-    EXPECT_EQ(request.method(), v.method);
-  }
+  for (const auto& [verb, method] : verbs)
+    EXPECT_EQ(simple_http_request("http://127.0.0.1:1", verb).method(), method) << verb;
 
   const struct {
     const char* uri;

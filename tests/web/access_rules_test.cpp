@@ -8,25 +8,23 @@ namespace tarn {
 namespace {
 
 TEST(access_rules, PeerIsLoopbackOnlyFromThisMachine) {
-  const struct {
-    const char* address;
-    bool loopback;
-  } cases[] = {{"127.0.0.1", true},          {"127.255.0.9", true}, {"192.0.2.10", false},
-               {"10.0.0.1", false},          {"::1", true},         {"::ffff:127.0.0.1", true},
-               {"::ffff:192.0.2.10", false}, {"fe80::1", false},    {"::", false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.address);
+  const std::pair<const char*, bool> cases[] = {
+      {"127.0.0.1", true},          {"127.255.0.9", true}, {"192.0.2.10", false},
+      {"10.0.0.1", false},          {"::1", true},         {"::ffff:127.0.0.1", true},
+      {"::ffff:192.0.2.10", false}, {"fe80::1", false},    {"::", false}};
+  for (const auto& [text, loopback] : cases) {
+    SCOPED_TRACE(text);
     sockaddr_storage address{};
     socklen_t length = sizeof(sockaddr_in);
-    if (inet_pton(AF_INET, c.address, &reinterpret_cast<sockaddr_in*>(&address)->sin_addr) == 1) {
+    if (inet_pton(AF_INET, text, &reinterpret_cast<sockaddr_in*>(&address)->sin_addr) == 1) {
       address.ss_family = AF_INET;
     } else {
-      ASSERT_EQ(
-          inet_pton(AF_INET6, c.address, &reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr), 1);
+      ASSERT_EQ(inet_pton(AF_INET6, text, &reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr),
+                1);
       address.ss_family = AF_INET6;
       length = sizeof(sockaddr_in6);
     }
-    EXPECT_EQ(is_loopback_peer(reinterpret_cast<sockaddr*>(&address), length), c.loopback);
+    EXPECT_EQ(is_loopback_peer(reinterpret_cast<sockaddr*>(&address), length), loopback);
   }
 }
 
