@@ -42,7 +42,6 @@ class launch_test : public test::sandboxed_test {
 
   const fs::path install_ = env_.root() / "inst";
   const fs::path fifo_ = env_.tmp() / "fifo";
-  const std::string source_ = (env_.tmp() / "Bericht \"final\" Grüße.docx").string();
   const std::string target_ = (env_.tmp() / "Bericht Grüße.pdf").string();
 };
 
@@ -147,23 +146,6 @@ TEST_F(launch_test, PrintHelperOutcomesAreTracedLineByLine) {
     EXPECT_EQ(fs::exists(target_), printed);
   }
   EXPECT_TRUE(no_children_left());
-}
-
-TEST_F(launch_test, PrintHelperGetsAnyPathWholeWhileTheEventLoopRuns) {
-  install_as("tarnprint");
-  env_.set_env("TARN_FAKE_RECORD", (env_.tmp() / "record").string());
-  const std::string target = (env_.tmp() / "out dir\\").string();
-  test::write_file(source_, "BLOCK " + fifo_.string() + "\n");
-  bool timer_ran = false;
-  // The helper finishes only once this timer has run inside the wait.
-  QTimer::singleShot(0, [&] {
-    timer_ran = true;
-    release(fifo_);
-  });
-  EXPECT_TRUE(PrintPDFWithHelper(source_, target, false, false));
-  EXPECT_TRUE(timer_ran);
-  EXPECT_EQ(test::read_file(env_.tmp() / "record"),
-            "/p\n" + source_ + "\n" + target + "\n/noviewpdf\n");
 }
 
 }  // namespace
