@@ -36,9 +36,8 @@ int run_probe(int argc, char** argv) {
     if (sigaction(sig, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
       ignored += std::to_string(sig) + " ";
   }
-  char stdin_target[256] = {};
-  (void)!readlink("/proc/self/fd/0", stdin_target, sizeof stdin_target - 1);
-  report << "\nblocked=" << blocked << "\nignored=" << ignored << "\nstdin=" << stdin_target;
+  report << "\nblocked=" << blocked << "\nignored=" << ignored
+         << "\nstdin=" << std::filesystem::read_symlink("/proc/self/fd/0").string();
   for (int i = 3; i < argc; ++i) report << "\narg=" << argv[i];
   report << "\n--\nppid=" << getppid() << " leader=" << (getsid(0) == getpid())
          << " nice=" << getpriority(PRIO_PROCESS, 0);
