@@ -148,5 +148,13 @@ TEST_F(launch_test, PrintHelperOutcomesAreTracedLineByLine) {
   EXPECT_TRUE(no_children_left());
 }
 
+TEST_F(launch_test, PrintHelperIsAwaitedWhileTheEventLoopRuns) {
+  install_as("tarnprint");
+  test::write_file(target_ + ".src", "BLOCK " + fifo_.string() + "\n");
+  // The helper finishes only once this timer has run inside the wait.
+  QTimer::singleShot(0, [&] { release(fifo_); });
+  EXPECT_TRUE(PrintPDFWithHelper(target_ + ".src", target_, false, false));
+}
+
 }  // namespace
 }  // namespace tarn

@@ -136,7 +136,6 @@ class thrift_http_server_test : public test::sandboxed_test {
     }
   }
 
-  // A call on a connection that must still serve.
   static void expect_served(raw_http_client& client, const std::string& call = post(kGetVersion)) {
     client.send(call);
     EXPECT_EQ(mask_dates(client.read_reply()), post_reply(kVersionReply));
