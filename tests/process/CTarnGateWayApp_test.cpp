@@ -94,7 +94,6 @@ TEST_F(CTarnGateWayApp_test, TheServerTestComesBeforeTheProbeAndRefusalsStartNot
     size_t probes;
   } cases[] = {
       {"server with a gateway on the port", "server", kStartPage, kExitServerEdition, 0},
-      {"server, port free", "server", "", kExitServerEdition, 0},
       {"workstation with a gateway on the port", "desktop", kStartPage, kExitAlreadyRunning, 1},
       {"workstation with a foreign page on the port", "desktop",
        canned_http_server::reply("200 OK", "text/html", "<title>other</title>"), kExitOk, 1},

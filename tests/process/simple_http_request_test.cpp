@@ -21,11 +21,9 @@ int closed_port() {
 }
 
 TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
+  // Any case of a known method; anything else is a GET.
   const std::pair<const char*, const char*> verbs[] = {
-      {"get", "GET"},     {"Put", "PUT"},         {"post", "POST"},   {"delete", "DELETE"},
-      {"HEAD", "HEAD"},   {"options", "OPTIONS"}, {"trace", "TRACE"}, {"connect", "CONNECT"},
-      {"merge", "MERGE"}, {"pAtCh", "PATCH"},     {"fetch", "GET"},   {"DEL", "GET"},
-  };
+      {"Put", "PUT"}, {"pAtCh", "PATCH"}, {"delete", "DELETE"}, {"fetch", "GET"}, {"DEL", "GET"}};
   for (const auto& [verb, method] : verbs)
     EXPECT_EQ(simple_http_request("http://127.0.0.1:1", verb).method(), method) << verb;
 
@@ -69,11 +67,8 @@ TEST(simple_http_request_test, ProbeCountsOnlyStatus200WithTheWordInTheBody) {
        true},
       {"word at the end", canned_http_server::reply("200 OK", "text/plain", "made by Vantu"), true},
       {"upper case", canned_http_server::reply("200 OK", "text/html", "VANTU"), false},
-      {"shorter than the word", canned_http_server::reply("200 OK", "text/html", "Vant"), false},
-      {"empty body", canned_http_server::reply("200 OK", "text/html", ""), false},
       {"status 500", canned_http_server::reply("500 Internal Server Error", "text/html", "Vantu"),
        false},
-      {"not text", canned_http_server::reply("200 OK", "application/octet-stream", "Vantu"), false},
       {"connection closed without a reply", "", false},
       {"garbage instead of HTTP", "Vantu Vantu Vantu\r\n\r\n", false},
   };
