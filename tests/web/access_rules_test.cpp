@@ -1,8 +1,7 @@
 #include "web/access_rules.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <netdb.h>
 
 namespace tarn {
 namespace {
@@ -13,18 +12,11 @@ TEST(access_rules, PeerIsLoopbackOnlyFromThisMachine) {
       {"10.0.0.1", false},          {"::1", true},         {"::ffff:127.0.0.1", true},
       {"::ffff:192.0.2.10", false}, {"fe80::1", false},    {"::", false}};
   for (const auto& [text, loopback] : cases) {
-    SCOPED_TRACE(text);
-    sockaddr_storage address{};
-    socklen_t length = sizeof(sockaddr_in);
-    if (inet_pton(AF_INET, text, &reinterpret_cast<sockaddr_in*>(&address)->sin_addr) == 1) {
-      address.ss_family = AF_INET;
-    } else {
-      ASSERT_EQ(inet_pton(AF_INET6, text, &reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr),
-                1);
-      address.ss_family = AF_INET6;
-      length = sizeof(sockaddr_in6);
-    }
-    EXPECT_EQ(is_loopback_peer(reinterpret_cast<sockaddr*>(&address), length), loopback);
+    const addrinfo hints{.ai_flags = AI_NUMERICHOST};
+    addrinfo* address = nullptr;
+    ASSERT_EQ(getaddrinfo(text, nullptr, &hints, &address), 0) << text;
+    EXPECT_EQ(is_loopback_peer(address->ai_addr, address->ai_addrlen), loopback) << text;
+    freeaddrinfo(address);
   }
 }
 
