@@ -22,7 +22,6 @@ TEST_F(CConvRegKey_test, MissingValueGivesTheDefaultAndAWriteOnlyItsOwnRoot) {
   EXPECT_EQ(key.read_number(&value), kErrorFileNotFound);
   EXPECT_EQ(value, 9u);
   EXPECT_TRUE(key.read_as_bool());
-  EXPECT_FALSE(std::filesystem::exists(registry_file(reg_root::current_user)));
 
   EXPECT_EQ(CConvRegKey(reg_root::local_machine, kKey, "do_merge", 0).write_number(0xDEADBEEF),
             kErrorSuccess);
@@ -44,7 +43,6 @@ TEST_F(CConvRegKey_test, NumberReadTakesRawBytesUpToFour) {
       {"three chars", kRegSz, reg_sz_bytes("abc"), kErrorMoreData, 77},
       {"one char", kRegSz, reg_sz_bytes("a"), kErrorSuccess, 0x61},
       {"two bytes", kRegBinary, std::string("\x01\x02", 2), kErrorSuccess, 0x0201},
-      {"qword", kRegQword, std::string(8, '\x01'), kErrorMoreData, 77},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
 #include "convutils/DynLoadDll.h"
@@ -10,6 +12,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 // The test binary's own folder holds no tarnimage.so, so the install folder decides.
 class ConvertXpsToPdf_test : public test::sandboxed_test {
@@ -42,7 +48,6 @@ TEST_F(ConvertXpsToPdf_test, LoadsOnFirstUseTriesAgainUntilThereAndKeepsIt) {
 
   install_library(test::dist_program(kTarnImageLibrary));
   EXPECT_TRUE(convert());
-  EXPECT_TRUE(test::pdf_is_valid(target_));
   EXPECT_EQ(test::pdf_text(target_), "Hello XPS\n\n\fZweite Seite\n\n\f");
 
   fs::remove(install_ / kTarnImageLibrary);
@@ -52,28 +57,16 @@ TEST_F(ConvertXpsToPdf_test, LoadsOnFirstUseTriesAgainUntilThereAndKeepsIt) {
 }
 
 TEST_F(ConvertXpsToPdf_test, BrokenOrIncompleteLibraryGivesFalseAndStaysUnloaded) {
-  const struct {
-    const char* name;
-    std::string library;  // bytes, or the path of a library to copy
-    const char* reason;
-  } cases[] = {
-      {"not a library", std::string(4096, 'x'), "invalid ELF header"},
-      {"lacks Backdrop", std::string(TARN_FAKES_DIR) + "/tarnimage_without_backdrop.so",
-       "no entry point Backdrop"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.library.ends_with(".so")) {
-      install_library(c.library);
-    } else {
-      test::write_file(install_ / kTarnImageLibrary, c.library);
-    }
+  test::write_file(env_.tmp() / "junk.so", std::string(4096, 'x'));
+  const std::pair<std::string, const char*> cases[] = {
+      {(env_.tmp() / "junk.so").string(), "invalid ELF header"},
+      {std::string(TARN_FAKES_DIR) + "/tarnimage_without_backdrop.so", "no entry point Backdrop"}};
+  for (const auto& [library, reason] : cases) {
+    install_library(library);
     auto trace = capture();
     EXPECT_FALSE(convert());
-    const Lines lines = trace.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("2 Can't load tarnimage.so: ", 0), 0u) << lines[0];
-    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+    EXPECT_THAT(trace.lines(),
+                ElementsAre(AllOf(StartsWith("2 Can't load tarnimage.so: "), HasSubstr(reason))));
     EXPECT_FALSE(tarn_image_dll().is_loaded());
   }
 }

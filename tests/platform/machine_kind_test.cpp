@@ -27,12 +27,9 @@ TEST_F(machine_kind_test, MachineInfoDecidesBeforeDmi) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.machine_info ? c.machine_info : "-") + " / " +
                  (c.chassis_type ? c.chassis_type : "-"));
-    const auto info = env_.root() / "machine-info";
-    const auto dmi = env_.root() / "dmi";
-    std::filesystem::remove_all(info);
-    std::filesystem::remove_all(dmi);
-    std::filesystem::create_directories(dmi);
+    const auto info = env_.root() / "machine-info", dmi = env_.root() / std::to_string(&c - cases);
     if (c.machine_info) test::write_file(info, c.machine_info);
+    if (!c.machine_info) std::filesystem::remove(info);
     if (c.chassis_type) test::write_file(dmi / "chassis_type", c.chassis_type);
     env_.set_env("TARN_MACHINE_INFO", info.string());
     env_.set_env("TARN_DMI_DIR", dmi.string());

@@ -19,66 +19,53 @@ unsigned mode_of(const fs::path& path) {
   return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-// Never a folder others can enter or own, and never none when some place of the user's serves.
 TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot) {
   const std::string own = "tarn-" + std::to_string(getuid());
   const fs::path shared = env_.root() / "shared", runtime = env_.root() / "run",
                  cache = env_.home() / ".cache" / "tarn-tmp";
+  const auto folder = [](const fs::path& dir, unsigned mode) {
+    fs::create_directories(dir);
+    chmod(dir.c_str(), mode);
+  };
+  // Without TMPDIR; `mode` of a "tarn" folder already there, 0: none.
+  const auto runtime_with = [&](unsigned mode) {
+    env_.set_env("TMPDIR", std::nullopt);
+    fs::create_directories(runtime);
+    if (mode != 0) folder(runtime / "tarn", mode);
+    env_.set_env("XDG_RUNTIME_DIR", runtime.string());
+  };
+  const auto no_cache = [&] {
+    test::write_file(env_.root() / "no-cache", "");
+    env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+  };
   const struct {
     const char* what;
     std::function<void()> arrange;  // TMPDIR is the sandbox's private folder unless changed
     std::string expected;           // "mkdtemp": a fresh tarn-<uid>-XXXXXX in `shared`
   } cases[] = {
       {"a private TMPDIR serves as it is", [] {}, env_.tmp()},
-      {"a TMPDIR all may write gets a folder of ours",
-       [&] {
-         fs::create_directory(shared);
-         chmod(shared.c_str(), 01777);
-       },
+      {"a TMPDIR all may write gets a folder of ours", [&] { folder(shared, 01777); },
        shared / own},
-      {"so does one its group may enter",
-       [&] {
-         fs::create_directory(shared);
-         chmod(shared.c_str(), 0750);
-       },
-       shared / own},
-      {"without TMPDIR, the runtime folder",
-       [&] {
-         env_.set_env("TMPDIR", std::nullopt);
-         fs::create_directory(runtime);
-         env_.set_env("XDG_RUNTIME_DIR", runtime.string());
-       },
-       runtime / "tarn"},
-      {"a folder of that name open to others: the cache",
-       [&] {
-         env_.set_env("TMPDIR", std::nullopt);
-         fs::create_directories(runtime / "tarn");
-         chmod((runtime / "tarn").c_str(), 0755);
-         env_.set_env("XDG_RUNTIME_DIR", runtime.string());
-       },
-       cache},
+      {"so does one its group may enter", [&] { folder(shared, 0750); }, shared / own},
+      {"without TMPDIR, the runtime folder", [&] { runtime_with(0); }, runtime / "tarn"},
+      {"a folder of that name open to others: the cache", [&] { runtime_with(0755); }, cache},
       {"the name held by a link to someone else's folder: the cache",
        [&] {
-         fs::create_directory(shared);
-         chmod(shared.c_str(), 0777);
+         folder(shared, 0777);
          fs::create_directory_symlink("/", shared / own);
        },
        cache},
       {"no cache either: a folder made for the process",
        [&] {
-         fs::create_directory(shared);
-         chmod(shared.c_str(), 0777);
+         folder(shared, 0777);
          test::write_file(shared / own, "a user's file");
-         test::write_file(env_.root() / "no-cache", "");
-         env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+         no_cache();
        },
        "mkdtemp"},
       {"nothing writable: no folder at all",
        [&] {
-         fs::create_directory(shared);
-         chmod(shared.c_str(), 0555);
-         test::write_file(env_.root() / "no-cache", "");
-         env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+         folder(shared, 0555);
+         no_cache();
        },
        ""},
   };

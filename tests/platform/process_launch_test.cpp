@@ -6,10 +6,7 @@ namespace tarn {
 namespace {
 
 TEST(process_launch_test, SplitsLikeTheStartedProgramsRuntime) {
-  const struct {
-    const char* line;
-    std::vector<std::string> args;
-  } cases[] = {
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
       {"  \t ", {}},
       {R"("a b c" d e)", {"a b c", "d", "e"}},
       {R"("ab\"c" "\\" d)", {"ab\"c", "\\", "d"}},
@@ -22,10 +19,7 @@ TEST(process_launch_test, SplitsLikeTheStartedProgramsRuntime) {
       {R"(x "" "unclosed runs to the end)", {"x", "", "unclosed runs to the end"}},
       {"\"Grüße/日本.docx\"", {"Grüße/日本.docx"}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    EXPECT_EQ(split_command_line(c.line), c.args);
-  }
+  for (const auto& [line, args] : cases) EXPECT_EQ(split_command_line(line), args) << line;
   // An ordinary path only gains its quotes, as the helper's command line always had them.
   EXPECT_EQ(quote_argument("/home/u/My Docs/a b.docx"), "\"/home/u/My Docs/a b.docx\"");
 }

@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,7 +20,7 @@ namespace tarn::test {
 
 class raw_http_client {
  public:
-  static constexpr std::chrono::seconds kWatchdog{20};
+  static constexpr int kWatchdogMs = 20000;
 
   explicit raw_http_client(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address{};
@@ -34,65 +33,52 @@ class raw_http_client {
 
   // False when the server has already closed the connection.
   bool send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      ssize_t n = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      bytes.remove_prefix(static_cast<size_t>(n));
+    for (ssize_t n; !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(n))) {
+      if ((n = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL)) <= 0) return false;
     }
     return true;
   }
 
   // Everything the server sends until it closes the connection.
   std::string read_to_close() {
-    std::string all = take(pending_.size());
-    while (read_some(all)) {
+    while (read_some()) {
     }
-    return all;
+    return take(pending_.size());
   }
 
   // One reply whose head carries a Content-Length: the head, then that many bytes.
   std::string read_reply() {
     size_t end;
-    while ((end = pending_.find("\r\n\r\n")) == std::string::npos) {
-      if (!read_some(pending_)) return take(pending_.size());
+    while ((end = pending_.find("\r\n\r\n")) == std::string::npos && read_some()) {
     }
+    if (end == std::string::npos) return take(pending_.size());
     const size_t at = pending_.find("Content-Length: ");
-    const size_t length = at < end ? std::stoul(pending_.substr(at + 16)) : 0;
-    while (pending_.size() < end + 4 + length) {
-      if (!read_some(pending_)) break;
+    const size_t size = end + 4 + (at < end ? std::stoul(pending_.substr(at + 16)) : 0);
+    while (pending_.size() < size && read_some()) {
     }
-    return take(std::min(pending_.size(), end + 4 + length));
+    return take(size);
   }
 
   // True when a byte of a reply (or the close) is already there; never waits.
   bool has_data() {
-    if (!pending_.empty()) return true;
     pollfd p{fd_.get(), POLLIN, 0};
-    return ::poll(&p, 1, 0) > 0;
+    return !pending_.empty() || ::poll(&p, 1, 0) > 0;
   }
 
   // True when the server closes the connection without sending anything more.
-  bool closed_by_server() {
-    std::string rest;
-    while (read_some(rest)) {
-    }
-    return rest.empty() && pending_.empty();
-  }
+  bool closed_by_server() { return read_to_close().empty(); }
 
  private:
-  bool read_some(std::string& into) {
+  bool read_some() {
     pollfd p{fd_.get(), POLLIN, 0};
-    const int ready = ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kWatchdog).count()));
-    if (ready <= 0) {
-      ADD_FAILURE() << "the server neither answered nor closed within " << kWatchdog.count()
-                    << " s";
+    if (::poll(&p, 1, kWatchdogMs) <= 0) {
+      ADD_FAILURE() << "the server neither answered nor closed within " << kWatchdogMs << " ms";
       return false;
     }
     char buffer[65536];
-    ssize_t n = ::recv(fd_.get(), buffer, sizeof(buffer), 0);
-    if (n <= 0) return false;
-    into.append(buffer, static_cast<size_t>(n));
-    return true;
+    const ssize_t n = ::recv(fd_.get(), buffer, sizeof(buffer), 0);
+    if (n > 0) pending_.append(buffer, static_cast<size_t>(n));
+    return n > 0;
   }
 
   std::string take(size_t count) {
