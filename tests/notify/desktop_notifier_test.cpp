@@ -81,24 +81,20 @@ TEST_F(desktop_notifier_test, ABusWithoutANotificationServiceIsToldOnceAndNobody
 }
 
 TEST_F(desktop_notifier_test, TheBusIsTheNamedOneElseTheSessionSocketNeverAnother) {
-  const fs::path runtime = env_.root() / "run";
+  const fs::path runtime = env_.root() / "run", not_socket = env_.root() / "plain";
   fs::create_directories(runtime);
-  const fs::path socket_path = runtime / "bus";
-  unique_fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  const fs::path not_socket = env_.root() / "plain";
   test::write_file(not_socket / "bus", "");
-
+  unique_fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un addr{.sun_family = AF_UNIX};
+  std::strncpy(addr.sun_path, (runtime / "bus").c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   const struct {
     const char* name;
     std::optional<std::string> named, runtime;
     std::string address;
   } cases[] = {
       {"named", "unix:path=/x", runtime.string(), "unix:path=/x"},
-      {"session socket", std::nullopt, runtime.string(), "unix:path=" + socket_path.string()},
+      {"session socket", std::nullopt, runtime.string(), "unix:path=" + (runtime / "bus").string()},
       {"a file is no bus", std::nullopt, not_socket.string(), ""},
       {"nothing", "", std::nullopt, ""},
   };
