@@ -21,7 +21,7 @@ TEST(simple_log, RendersStartLineRuleAndNumberedEntries) {
   simple_log log("Vantu Tarn (version 5.0) GateWay started");
   log.add("TarnGateWayHandler()", -1);
   log.add("send_command(CREATE_PDF, \"a\", \"b\", \"d1\")", 0);
-  log.add("minus two", -2);
+  log.add("minus two\n[0] forged", -2);
   log.add("", 7);
   // ctime's form: "Thu Nov 19 08:38:10 2026", the day padded with a blank.
   const std::string time =
@@ -31,7 +31,7 @@ TEST(simple_log, RendersStartLineRuleAndNumberedEntries) {
       text, std::regex(time + R"(Vantu Tarn \(version 5\.0\) GateWay started\n-{54}\n)" +
                        R"(\[\.\.\.\] )" + time + R"(TarnGateWayHandler\(\)\n\[0\] )" + time +
                        R"(send_command\(CREATE_PDF, "a", "b", "d1"\)\n\[-2\] )" + time +
-                       R"(minus two\n\[7\] )" + time + "\n")))
+                       R"(minus two\\n\[0\] forged\n\[7\] )" + time + "\n")))
       << text;
 }
 
