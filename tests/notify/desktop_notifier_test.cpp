@@ -54,13 +54,10 @@ TEST_F(desktop_notifier_test, ABusWithoutANotificationServiceIsToldOnceAndNobody
   // A bus that starts no services on demand, unlike a desktop session's.
   const fs::path config = env_.root() / "bus.conf";
   test::write_file(config,
-                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
-                   "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
-                   "<busconfig><type>session</type><listen>unix:dir=" +
-                       env_.root().string() +
-                       "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                       "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                       "<allow own=\"*\"/></policy></busconfig>");
+                   "<busconfig><type>session</type><listen>unix:dir=" + env_.root().string() +
+                       "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
+                       "send_destination=\"*\" eavesdrop=\"true\"/><allow "
+                       "eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
   int fds[2];
   ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
   std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
