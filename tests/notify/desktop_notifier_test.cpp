@@ -54,13 +54,10 @@ TEST_F(desktop_notifier_test, ABusWithoutANotificationServiceIsToldOnceAndNobody
   // A bus that starts no services on demand, unlike a desktop session's.
   const fs::path config = env_.root() / "bus.conf";
   test::write_file(config,
-                   "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
-                   "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
-                   "<busconfig><type>session</type><listen>unix:dir=" +
-                       env_.root().string() +
-                       "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                       "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                       "<allow own=\"*\"/></policy></busconfig>");
+                   "<busconfig><type>session</type><listen>unix:dir=" + env_.root().string() +
+                       "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
+                       "send_destination=\"*\" eavesdrop=\"true\"/><allow "
+                       "eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
   int fds[2];
   ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
   std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
@@ -81,24 +78,20 @@ TEST_F(desktop_notifier_test, ABusWithoutANotificationServiceIsToldOnceAndNobody
 }
 
 TEST_F(desktop_notifier_test, TheBusIsTheNamedOneElseTheSessionSocketNeverAnother) {
-  const fs::path runtime = env_.root() / "run";
+  const fs::path runtime = env_.root() / "run", not_socket = env_.root() / "plain";
   fs::create_directories(runtime);
-  const fs::path socket_path = runtime / "bus";
-  unique_fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  const fs::path not_socket = env_.root() / "plain";
   test::write_file(not_socket / "bus", "");
-
+  unique_fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un addr{.sun_family = AF_UNIX};
+  std::strncpy(addr.sun_path, (runtime / "bus").c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   const struct {
     const char* name;
     std::optional<std::string> named, runtime;
     std::string address;
   } cases[] = {
       {"named", "unix:path=/x", runtime.string(), "unix:path=/x"},
-      {"session socket", std::nullopt, runtime.string(), "unix:path=" + socket_path.string()},
+      {"session socket", std::nullopt, runtime.string(), "unix:path=" + (runtime / "bus").string()},
       {"a file is no bus", std::nullopt, not_socket.string(), ""},
       {"nothing", "", std::nullopt, ""},
   };

@@ -59,7 +59,6 @@ TEST(outcome_text_test, APrintHelperRunGivesItsReason) {
       {{false, 3}, "the PDF couldn't be written"},
       {{false, 4}, "took longer than 120 s"},
       {{false, 5}, "the office program failed"},
-      {{false, 2}, "conversion failed"},
       {{false, std::nullopt}, "conversion failed"},
       {{false, std::nullopt, true, seconds(300)}, "took longer than 300 s"},
   };

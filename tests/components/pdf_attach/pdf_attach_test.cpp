@@ -5,11 +5,11 @@
 #include <qpdf/QPDF.hh>
 #include <qpdf/QPDFOutlineDocumentHelper.hh>
 #include <qpdf/QPDFPageDocumentHelper.hh>
-#include <qpdf/QPDFWriter.hh>
 
 #include "dms/IPdfAttach.h"
 #include "dms/component_loader.h"
 #include "support/register_component.h"
+#include "support/run_program.h"
 #include "support/test_env.h"
 #include "support/test_pdf.h"
 
@@ -81,7 +81,11 @@ TEST_F(pdf_attach_test, InsertPlacesThePagesAsAsked) {
   } cases[] = {
       {"defaults", {}, {"a.1", "a.2", "b.1", "b.2", "b.3"}, {0, 0, 0, 0, 0}, {}},
       {"range", {.range = "3,1"}, {"a.1", "a.2", "b.3", "b.1"}, {0, 0, 0, 0}, {}},
-      {"last page", {.range = "z"}, {"a.1", "a.2", "b.3"}, {0, 0, 0}, {}},
+      {"last page, after the last",
+       {.range = "z", .after = "2"},
+       {"a.1", "a.2", "b.3"},
+       {0, 0, 0},
+       {}},
       {"in front", {.after = "0"}, {"b.1", "b.2", "b.3", "a.1", "a.2"}, {0, 0, 0, 0, 0}, {}},
       {"in between",
        {.range = "2-3", .after = "1"},
@@ -123,14 +127,10 @@ TEST_F(pdf_attach_test, ABadInsertFailsAndLeavesTheDocumentAsItWas) {
   const std::string damaged = (env_.tmp() / "damaged.pdf").string();
   test::write_file(damaged, damaged_bytes);
   const std::string locked = (env_.tmp() / "locked.pdf").string();
-  {
-    QPDF pdf;
-    pdf.processFile(b.c_str());
-    QPDFWriter writer(pdf, locked.c_str());
-    writer.setR6EncryptionParameters("user", "owner", true, true, true, true, true, true,
-                                     qpdf_r3p_full, true);
-    writer.write();
-  }
+  ASSERT_EQ(
+      test::run_program({"/usr/bin/qpdf", "--encrypt", "user", "owner", "256", "--", b, locked})
+          .exit_code,
+      0);
 
   const int32_t handle = open(target);
   const struct {
@@ -171,6 +171,8 @@ TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
 
   const std::string elsewhere = (env_.tmp() / "no" / "such" / "out.pdf").string();
   EXPECT_EQ(attach_->AttachSave(elsewhere, handle, 0), kHrFileNotFound);
+  std::filesystem::create_directory(env_.tmp() / "folder");
+  EXPECT_TRUE(FAILED(attach_->AttachSave((env_.tmp() / "folder").string(), handle, 0)));
   EXPECT_EQ(attach_->AttachSave(target, kNoAttachDocument, 0), kHrInvalidHandle);
   EXPECT_EQ(test::pdf_page_labels(target), labels{"a.1"});
 
@@ -184,7 +186,7 @@ TEST_F(pdf_attach_test, SaveReplacesTheFileWholeAndKeepsItsPermissions) {
   EXPECT_EQ(saved.getTrailer().getKey("/Info").getKey("/Producer").getUTF8Value(), "Tarn test");
   EXPECT_EQ(test::pdf_page_labels(target), (labels{"a.1", "b.1"}));
 
-  EXPECT_EQ(test::names_in(env_.tmp()), (std::set<std::string>{"a.pdf", "b.pdf"}));
+  EXPECT_EQ(test::names_in(env_.tmp()), (std::set<std::string>{"a.pdf", "b.pdf", "folder"}));
 
   // AttachTerm closes the document.
   EXPECT_EQ(attach_->AttachTerm(), S_OK);

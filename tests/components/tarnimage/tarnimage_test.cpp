@@ -49,6 +49,7 @@ TEST_F(tarnimage_test, BadInputFailsWithItsCodeAndLeavesNothing) {
   test::write_zip(dir / "no pages.xps", {{"_rels/.rels", "<Relationships/>"}});
   test::write_xps(dir / "ok.xps", {"fine"});
   test::write_file(dir / "a.pdf", "kept");
+  fs::create_directory(dir / "folder");
   const struct {
     const char* source;
     fs::path target;
@@ -59,14 +60,15 @@ TEST_F(tarnimage_test, BadInputFailsWithItsCodeAndLeavesNothing) {
       {"corrupt.xps", dir / "a.pdf", kTarnImageUnreadable},
       {"no pages.xps", dir / "a.pdf", kTarnImageUnreadable},
       {"ok.xps", dir / "no such folder" / "a.pdf", kTarnImageUnwritable},
+      {"ok.xps", dir / "folder", kTarnImageUnwritable},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.source);
     EXPECT_EQ(convert(dir / c.source, c.target), c.code);
   }
   EXPECT_EQ(test::read_file(dir / "a.pdf"), "kept");
-  EXPECT_EQ(test::names_in(dir),
-            (std::set<std::string>{"empty.xps", "corrupt.xps", "no pages.xps", "ok.xps", "a.pdf"}))
+  EXPECT_EQ(test::names_in(dir), (std::set<std::string>{"empty.xps", "corrupt.xps", "no pages.xps",
+                                                        "ok.xps", "a.pdf", "folder"}))
       << "no partial or temporary file";
   EXPECT_EQ(dll_.XpsToPdfConvert(nullptr, "x.pdf", 15, 0, 0), kTarnImageBadArgument);
 }

@@ -89,19 +89,17 @@ TEST_F(tarnassist_test, ConvertsEachFileAndCleansUpTheHandOver) {
   EXPECT_TRUE(fs::exists(outside));
 }
 
-TEST_F(tarnassist_test, RealHelperConvertsDocumentsAndRefusesAnEmptyOne) {
+// Failures are the stand-in's job; the real helper shows that both agree on its command line.
+TEST_F(tarnassist_test, RealHelperConvertsADocument) {
   fs::remove(install_ / "tarnprint");
   fs::create_symlink(test::dist_program("tarnprint"), install_ / "tarnprint");
-  write_list({copy("Notiz \"1\" é.txt", "Grüße aus der Notiz\n"), copy("empty.docx", "")}, true);
+  write_list({copy("Notiz \"1\" é.txt", "Grüße aus der Notiz\n")}, true);
   auto r = assist({list_.string()});
   test::end_office_worker(env_.tmp());
-  EXPECT_EQ(r.exit_code, 1) << r.out << r.err;
-  const Lines found = lines(r.out);
-  ASSERT_EQ(found.size(), 4u) << r.out;
-  EXPECT_EQ(found[0], "[1/2] Notiz \"1\" é.txt -> Notiz \"1\" é.pdf (T)");
-  EXPECT_EQ(found[1].rfind("[2/2] empty.docx: failed: tarnprint exited with 1: ", 0), 0u);
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_EQ(lines(r.out), (Lines{"[1/1] Notiz \"1\" é.txt -> Notiz \"1\" é.pdf (T)",
+                                 "Done: 1 of 1 converted, in " + out_.string() + " (T)"}));
   EXPECT_EQ(test::pdf_text(out_ / "Notiz \"1\" é.pdf"), "Grüße aus der Notiz\n\n\f");
-  EXPECT_EQ(test::names_in(out_), Names{"Notiz \"1\" é.pdf"});
 }
 
 TEST_F(tarnassist_test, FailedFilesStayListedForARetry) {
@@ -212,9 +210,6 @@ TEST_F(tarnassist_test, BadUsageOrListIsRefusedWithTheCause) {
     EXPECT_EQ(r.exit_code, 2);
     EXPECT_EQ(r.err.rfind("tarnassist: " + c.err, 0), 0u) << r.err;
   }
-  auto help = assist({"--help"});
-  EXPECT_EQ(help.exit_code, 0);
-  EXPECT_NE(help.out.find("Delete=1"), std::string::npos);
   EXPECT_FALSE(fs::exists(out_));
 }
 

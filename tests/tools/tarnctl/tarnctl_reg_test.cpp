@@ -18,22 +18,24 @@ class tarnctl_reg_test : public test::sandboxed_test {
 constexpr const char* kKey = "HKCU\\Software\\Vantu\\PDF\\V1\\TarnGateWay";
 
 TEST_F(tarnctl_reg_test, AddQueryDeleteLikeRegExe) {
-  auto r = tarnctl({"reg", "add", kKey, "/v", "Tarn_GateWay_fetatures", "/t", "REG_DWORD", "/d",
-                    "4", "/f"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(r.out, "The operation completed successfully.\n");
-
   // Data that looks like a switch or an option stays data; switches ignore case.
-  r = tarnctl({"reg", "add", kKey, "/VE", "/d", "/usr/lib/x", "/F"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  r = tarnctl({"reg", "add", kKey, "/v", "Neg", "/d", "--looks-like-an-option", "/f"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-
-  r = tarnctl({"reg", "query", kKey});
+  for (const auto& add : std::vector<std::vector<std::string>>{
+           {"/v", "Tarn_GateWay_fetatures", "/t", "REG_DWORD", "/d", "4", "/f"},
+           {"/VE", "/d", "/usr/lib/x", "/F"},
+           {"/v", "Neg", "/d", "--looks-like-an-option", "/f"},
+           {"/v", "List", "/t", "REG_MULTI_SZ", "/d", "a\\0b\\0", "/f"}}) {
+    std::vector<std::string> args{"reg", "add", kKey};
+    args.insert(args.end(), add.begin(), add.end());
+    const auto r = tarnctl(args);
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.out, "The operation completed successfully.\n");
+  }
+  auto r = tarnctl({"reg", "query", kKey});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out,
             "\nHKEY_CURRENT_USER\\Software\\Vantu\\PDF\\V1\\TarnGateWay\n"
             "    (Default)    REG_SZ    /usr/lib/x\n"
+            "    List    REG_MULTI_SZ    a\\0b\n"
             "    Neg    REG_SZ    --looks-like-an-option\n"
             "    Tarn_GateWay_fetatures    REG_DWORD    0x4\n\n");
 

@@ -2,10 +2,8 @@
 // tarnprint_test share one sandbox and its warm office; office_lifecycle_test cases each have a
 // sandbox, and so a worker, of their own. Every worker started here is ended here.
 #include <fcntl.h>
-#include <gif_lib.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -15,7 +13,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <future>
 #include <regex>
 #include <set>
@@ -24,7 +21,6 @@
 #include "convutils/CConvRegKey.h"
 #include "office_client.h"
 #include "office_paths.h"
-#include "shared_extension_cache.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
@@ -87,47 +83,17 @@ void set_print_setting(const char* name, DWORD value) {
   CConvRegKey(reg_root::current_user, kPrintSettingsKey, name, DWORD{0}).write_number(value);
 }
 
-void write_gif(const fs::path& path) {
-  int error = 0;
-  GifFileType* gif = EGifOpenFileName(path.c_str(), false, &error);
-  ASSERT_NE(gif, nullptr) << GifErrorString(error);
-  GifColorType colors[2] = {{0, 0, 0}, {255, 200, 0}};
-  ColorMapObject* map = GifMakeMapObject(2, colors);
-  EGifPutScreenDesc(gif, 64, 32, 1, 0, map);
-  EGifPutImageDesc(gif, 0, 0, 64, 32, false, nullptr);
-  GifPixelType row[64];
-  for (int y = 0; y < 32; ++y) {
-    for (int x = 0; x < 64; ++x) row[x] = static_cast<GifPixelType>((x / 8 + y / 8) % 2);
-    EGifPutLine(gif, row, 64);
-  }
-  EXPECT_EQ(EGifCloseFile(gif, &error), GIF_OK);
-  GifFreeMapObject(map);
-}
-
-void write_image(const fs::path& path, const char* format) {
+void write_png(const fs::path& path) {
   QImage image(160, 90, QImage::Format_RGB32);
   for (int y = 0; y < image.height(); ++y)
     for (int x = 0; x < image.width(); ++x) image.setPixel(x, y, qRgb(x, y * 2, 128));
-  ASSERT_TRUE(image.save(QString::fromStdString(path.string()), format)) << path;
+  ASSERT_TRUE(image.save(QString::fromStdString(path.string()), "PNG")) << path;
 }
 
 constexpr const char* kFlatText = R"(<?xml version="1.0" encoding="UTF-8"?>
 <office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.text">
 <office:body><office:text><text:p>Writer Grüße 105</text:p></office:text></office:body></office:document>
 )";
-constexpr const char* kFlatSheet = R"(<?xml version="1.0" encoding="UTF-8"?>
-<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:table="urn:oasis:names:tc:opendocument:xmlns:table:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.spreadsheet">
-<office:body><office:spreadsheet><table:table table:name="Ledger"><table:table-row>
-<table:table-cell office:value-type="string"><text:p>Calc</text:p></table:table-cell>
-<table:table-cell office:value-type="string"><text:p>Grüße</text:p></table:table-cell>
-<table:table-cell office:value-type="float" office:value="106"><text:p>106</text:p></table:table-cell>
-</table:table-row></table:table></office:spreadsheet></office:body></office:document>
-)";
-constexpr const char* kFlatSlides = R"(<?xml version="1.0" encoding="UTF-8"?>
-<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:draw="urn:oasis:names:tc:opendocument:xmlns:drawing:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" xmlns:svg="urn:oasis:names:tc:opendocument:xmlns:svg-compatible:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.presentation">
-<office:body><office:presentation><draw:page draw:name="One"><draw:frame svg:x="2cm" svg:y="2cm" svg:width="20cm" svg:height="3cm"><draw:text-box><text:p>Impress Grüße 107</text:p></draw:text-box></draw:frame></draw:page></office:presentation></office:body></office:document>
-)";
-
 class tarnprint_test : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -136,12 +102,9 @@ class tarnprint_test : public ::testing::Test {
     auto in = [&](const std::string& ext) { return dir / (kStem + "." + ext); };
     test::write_file(in("txt"), "Plain text Grüße 101\n");
     test::write_file(in("csv"), "Name;Amount\nWidget Grüße;102\n");
-    test::write_file(in("html"), "<html><body><h1>Heading Grüße</h1><p>Para 103</p></body></html>");
     test::write_file(in("rtf"),
                      "{\\rtf1\\ansi{\\fonttbl\\f0 Times;}\\f0 Rich text 104 Gr\\'fc\\'dfe\\par}");
     test::write_file(in("fodt"), kFlatText);
-    test::write_file(in("fods"), kFlatSheet);
-    test::write_file(in("fodp"), kFlatSlides);
 
     // The first run starts the worker, from a process holding a descriptor without CLOEXEC.
     marker_ = env_->root() / "inherited-marker";
@@ -151,21 +114,12 @@ class tarnprint_test : public ::testing::Test {
     ::close(marker);
     ASSERT_EQ(r.exit_code, 0) << r.err;
 
-    const struct {
-      const char* flat;
-      const char* format;
-    } made[] = {{"fodt", "docx"}, {"fodt", "doc"}, {"fodt", "odt"}, {"fodt", "pdf"},
-                {"fods", "xlsx"}, {"fods", "xls"}, {"fods", "ods"}, {"fodp", "pptx"},
-                {"fodp", "ppt"},  {"fodp", "odp"}};
-    for (const auto& m : made) {
+    for (const char* format : {"docx", "pdf"}) {
       const auto outcome =
-          convert_with_office({in(m.flat), in(m.format), m.format, std::nullopt}, test_settings());
-      ASSERT_EQ(outcome.status, office_status::ok) << m.format << ": " << outcome.message;
+          convert_with_office({in("fodt"), in(format), format, std::nullopt}, test_settings());
+      ASSERT_EQ(outcome.status, office_status::ok) << format << ": " << outcome.message;
     }
-    write_image(in("png"), "PNG");
-    write_image(in("jpg"), "JPEG");
-    write_image(in("tiff"), "TIFF");
-    write_gif(in("gif"));
+    write_png(in("png"));
   }
 
   static void TearDownTestSuite() {
@@ -197,43 +151,27 @@ void expect_clean_failure(const program_result& r, int exit_code, const std::str
   EXPECT_EQ(test::names_in(out), std::set<std::string>{});
 }
 
+// The office formats are compared with soffice's PDFs below; these are the kinds that test lacks,
+// most named for another kind, since tarnprint goes by the content.
 TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
-  fs::copy_file(in("docx"), out_.parent_path() / "docx named.pdf");
-  fs::copy_file(in("pdf"), out_.parent_path() / "pdf named.docx");
-  fs::copy_file(in("png"), out_.parent_path() / "png named.txt");
-  fs::copy_file(in("rtf"), out_.parent_path() / "rtf named.txt");
   const struct {
-    fs::path src;
+    const char* kind;
+    const char* named;
     std::vector<std::string> text;  // empty: an image, which has none
   } cases[] = {
-      {in("docx"), {"Writer", "Grüße", "105"}},
-      {in("doc"), {"Writer", "Grüße", "105"}},
-      {in("odt"), {"Writer", "Grüße", "105"}},
-      {in("rtf"), {"Rich text 104", "Grüße"}},
-      {in("txt"), {"Plain text Grüße 101"}},
-      {in("html"), {"Heading Grüße", "Para 103"}},
-      {in("xlsx"), {"Calc", "Grüße", "106"}},
-      {in("xls"), {"Calc", "Grüße", "106"}},
-      {in("ods"), {"Calc", "Grüße", "106"}},
-      {in("csv"), {"Widget Grüße", "102", "Amount"}},
-      {in("pptx"), {"Impress Grüße 107"}},
-      {in("ppt"), {"Impress Grüße 107"}},
-      {in("odp"), {"Impress Grüße 107"}},
-      {in("pdf"), {"Writer", "Grüße", "105"}},
-      {in("png"), {}},
-      {in("jpg"), {}},
-      {in("gif"), {}},
-      {in("tiff"), {}},
-      {out_.parent_path() / "docx named.pdf", {"Writer", "Grüße", "105"}},
-      {out_.parent_path() / "pdf named.docx", {"Writer", "Grüße", "105"}},
-      {out_.parent_path() / "png named.txt", {}},
-      {out_.parent_path() / "rtf named.txt", {"Rich text 104"}},
+      {"csv", "csv", {"Widget Grüße", "102", "Amount"}},
+      {"docx", "pdf", {"Writer", "Grüße", "105"}},
+      {"pdf", "docx", {"Writer", "Grüße", "105"}},
+      {"png", "txt", {}},
+      {"rtf", "txt", {"Rich text 104", "Grüße"}},
   };
   std::set<std::string> written;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.src.filename().string());
-    const fs::path dst = out_ / ("Ausgabe 'ü' " + c.src.filename().string() + ".pdf");
-    const auto r = tarnprint(c.src, dst);
+    SCOPED_TRACE(c.kind);
+    const fs::path src = out_.parent_path() / (kStem + " " + c.kind + "." + c.named);
+    fs::copy_file(in(c.kind), src);
+    const fs::path dst = out_ / ("Ausgabe 'ü' " + src.filename().string() + ".pdf");
+    const auto r = tarnprint(src, dst);
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.err, "");
     EXPECT_TRUE(test::pdf_is_valid(dst));
@@ -328,16 +266,15 @@ TEST_F(tarnprint_test, BadSourcesFailCleanly) {
 }
 
 TEST_F(tarnprint_test, UnwritableTargetsFailCleanly) {
-  std::vector<std::pair<fs::path, std::string>> cases = {
-      {"/sys/tarnprint-test.pdf", "can't write"},
-      {out_ / "no such folder" / "x.pdf", "No such file or directory"},
-      {out_, "is a folder"},
-  };
   const fs::path locked = out_.parent_path() / "read-only folder";
   fs::create_directories(locked);
   fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
-  // The superuser writes into a read-only folder all the same.
-  if (::geteuid() != 0) cases.emplace_back(locked / "x.pdf", "Permission denied");
+  const std::pair<fs::path, std::string> cases[] = {
+      {"/sys/tarnprint-test.pdf", "can't write"},
+      {out_ / "no such folder" / "x.pdf", "No such file or directory"},
+      {out_, "is a folder"},
+      {locked / "x.pdf", "Permission denied"},
+  };
   for (const auto& [dst, reason] : cases) {
     SCOPED_TRACE(dst.string());
     const auto r = tarnprint(in("txt"), dst);
@@ -368,9 +305,6 @@ TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
   // Switches ignore case, as the callers' platform does.
   EXPECT_EQ(run_program({test::dist_program("tarnprint"), "/P", src, dst, "/NOVIEWPDF"}).exit_code,
             0);
-  const auto help = run_program({test::dist_program("tarnprint"), "--help"});
-  EXPECT_EQ(help.exit_code, 0);
-  EXPECT_NE(help.out.find("Usage: tarnprint /p SOURCE TARGET"), std::string::npos);
 }
 
 TEST_F(tarnprint_test, WorkerIsPrivateAndHoldsNothingOfItsCaller) {
@@ -520,100 +454,6 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
     EXPECT_NE(connects.find("connect("), std::string::npos) << "the trace saw nothing";
     EXPECT_EQ(connects.find("192.0.2.1"), std::string::npos) << connects;
   }
-}
-
-// Set in the child that plays the machine: see below.
-constexpr const char* kPrivateSpool = "TARN_TEST_PRIVATE_SPOOL";
-constexpr const char* kTestUser = "61234";  // no account of the machine's
-
-// An ordinary user of the machine, in this test's sandbox.
-program_result as_test_user(const std::vector<std::string>& args) {
-  std::vector<std::string> command = {"/usr/bin/setpriv", std::string("--reuid=") + kTestUser,
-                                      std::string("--regid=") + kTestUser, "--clear-groups"};
-  command.insert(command.end(), args.begin(), args.end());
-  return run_program(command, "", std::chrono::seconds(300));
-}
-
-mode_t mode_of(const fs::path& path) {
-  struct stat st {};
-  ::stat(path.c_str(), &st);
-  return st.st_mode & 07777;
-}
-
-class shared_extension_cache_test : public test::sandboxed_test {};
-
-// The machine's state is made in a child of this test in a mount namespace of its own, with an
-// empty spool folder mounted over the machine's: the real folder, and the tests that use it
-// meanwhile, are never touched.
-TEST_F(shared_extension_cache_test, AnOrdinaryUserConvertsAfterRootRanTheOffice) {
-  if (std::getenv(kPrivateSpool) == nullptr) {
-    // The child's sandbox goes where the test user can reach it.
-    if (::geteuid() != 0) GTEST_SKIP() << "only root can make a machine's state in private";
-    const auto r = run_program(
-        {"/usr/bin/unshare", "--mount", "--propagation", "private", "/usr/bin/env",
-         std::string(kPrivateSpool) + "=1", "TMPDIR=/tmp", fs::read_symlink("/proc/self/exe"),
-         "--gtest_filter=shared_extension_cache_test.*"},
-        "", std::chrono::seconds(600));
-    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
-    return;
-  }
-  const fs::path spool = "/var/spool/libreoffice";
-  ASSERT_EQ(::mount("tmpfs", spool.c_str(), "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
-  fs::create_directories(spool / "uno_packages" / "cache");  // as the package has it
-  const fs::path cache = shared_extension_cache();
-  ASSERT_EQ(cache, spool / "uno_packages" / "cache" / "uno_packages");
-  // What an office run as root with umask 077 leaves.
-  fs::create_directory(cache);
-  fs::permissions(cache, fs::perms::owner_all);
-
-  const fs::path src = env_.root() / "note.txt";
-  test::write_file(src, "Shared Grüße 301\n");
-  ASSERT_EQ(run_program({"/bin/chown", "-R", std::string(kTestUser) + ":" + kTestUser, env_.root()})
-                .exit_code,
-            0);
-  // Root's private temporary folder can't be one the user owns.
-  const fs::path root_tmp = env_.root() / "root tmp";
-  fs::create_directory(root_tmp);
-  fs::permissions(root_tmp, fs::perms::owner_all);
-  auto convert_as_user = [&](const std::string& name) {
-    return as_test_user(
-        {test::dist_program("tarnprint"), "/p", src, (env_.root() / name).string(), "/noviewpdf"});
-  };
-
-  auto r = convert_as_user("refused.pdf");
-  EXPECT_EQ(r.exit_code, 5) << r.err;
-  EXPECT_NE(r.err.find("chmod 0755 '" + cache.string() + "'"), std::string::npos) << r.err;
-  EXPECT_FALSE(fs::exists(env_.root() / "refused.pdf"));
-
-  env_.set_env("TMPDIR", root_tmp.string());
-  r = tarnprint(src, env_.root() / "by root.pdf");
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(mode_of(cache), 0755u) << "an office run as root opens the folder up first";
-  std::string err;
-  EXPECT_TRUE(stop_office(std::chrono::seconds(10), &err)) << err;
-  env_.set_env("TMPDIR", env_.tmp().string());
-
-  r = convert_as_user("converted.pdf");
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(test::pdf_text(env_.root() / "converted.pdf").find("Shared Grüße 301"),
-            std::string::npos);
-  size_t running = 0;
-  for (pid_t pid : started_workers(env_.tmp() / "tarnoffice")) {
-    std::error_code ec;
-    const fs::path net = fs::read_symlink("/proc/" + std::to_string(pid) + "/ns/net", ec);
-    if (ec) continue;  // one that died at start
-    ++running;
-    EXPECT_NE(net, fs::read_symlink("/proc/self/ns/net")) << "the user's office has no network";
-    ::kill(pid, SIGKILL);
-    EXPECT_TRUE(ended(pid));
-  }
-  EXPECT_EQ(running, 1u);
-
-  // The install step repairs the same state.
-  fs::permissions(cache, fs::perms::owner_all);
-  r = run_program({"/bin/bash", std::string(TARN_SOURCE_DIR) + "/scripts/install-deps.sh"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(mode_of(cache), 0755u);
 }
 
 }  // namespace
