@@ -217,6 +217,8 @@ TEST_F(thrift_http_server_test, BadRequestEndsOnlyItsConnectionWithoutAReply) {
       {"GET http://localhost:9090/ HTTP/1.1\r\n\r\n", died + "bad uri"},
       {"GET /../etc/passwd HTTP/1.1\r\n\r\n", died + "bad uri"},
       {"GET /a..b.html HTTP/1.1\r\n\r\n", died + "bad uri"},
+      // Thrift's line search stops at a NUL: it would wait for the request deadline.
+      {std::string("GET /\0 HTTP/1.1\r\n\r\n", 20), died + "NUL byte in the request"},
       {"POST / HTTP/1.1\r\nContent-Length: 2x\r\n\r\n", died + "bad Content-Length: 2x"},
       {"POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", died + "bad Content-Length: -1"},
       {"POST / HTTP/1.1\r\nContent-length:\r\n\r\n", died + "bad Content-Length:"},
