@@ -1,7 +1,5 @@
 #include "task_fixture.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <sstream>
 
@@ -144,24 +142,6 @@ std::vector<std::string> task_fixture::files_in_temp() const {
   }
   std::sort(files.begin(), files.end());
   return files;
-}
-
-fault_connector_probe::fault_connector_probe()
-    : library(dlopen(FAULT_CONNECTOR, RTLD_NOW | RTLD_LOCAL)) {
-  EXPECT_NE(library, nullptr) << dlerror();
-  if (library != nullptr) reinterpret_cast<void (*)()>(dlsym(library, "fault_connector_reset"))();
-}
-
-fault_connector_probe::~fault_connector_probe() {
-  if (library != nullptr) dlclose(library);
-}
-
-std::string fault_connector_probe::calls() const {
-  return reinterpret_cast<const char* (*)()>(dlsym(library, "fault_connector_calls"))();
-}
-
-int fault_connector_probe::open_items() const {
-  return reinterpret_cast<int (*)()>(dlsym(library, "fault_connector_open_items"))();
 }
 
 }  // namespace tarn::test

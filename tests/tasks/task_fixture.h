@@ -13,6 +13,7 @@
 
 #include "dialogs/scripted_user_questions.h"
 #include "dms/DMS_connector_handler.h"
+#include "dms/fault_connector/fault_connector_probe.h"
 #include "dms_local/local_store.h"
 #include "log/simple_log.h"
 #include "support/test_env.h"
@@ -52,16 +53,6 @@ class task_fixture : public sandboxed_test {
   std::shared_ptr<DMS_connector_handler> dms_;
   std::shared_ptr<scripted_user_questions> questions_ = std::make_shared<scripted_user_questions>();
   std::unique_ptr<local_store> store_;
-};
-
-// Exported counters of the fault connector, loaded by the test as the gateway loads it.
-struct fault_connector_probe {
-  fault_connector_probe();
-  ~fault_connector_probe();
-  std::string calls() const;
-  int open_items() const;
-
-  void* library = nullptr;
 };
 
 }  // namespace tarn::test
