@@ -189,11 +189,6 @@ TEST_F(qt_user_questions_test, ADisplayThatAppearedLaterGetsTheQuestionsInAChild
   EXPECT_EQ(test::stored("do_merge"), 1u);
   EXPECT_GT(unpack_frame_size(test::stored("merge_dialog_size").value_or(0)).height, 100);
 
-  test::store("how_to_save", 2);
-  test::x_display::answer cancel(x, "Save As", {"Escape"});
-  EXPECT_FALSE(asker.ask_how_to_save(*documents[0]));
-  EXPECT_TRUE(cancel.answered());
-  EXPECT_EQ(test::stored("how_to_save"), 0u) << "Cancel writes back what it showed";
   EXPECT_THAT(log_->render(), ::testing::Not(HasSubstr("Dlg")));
 }
 
