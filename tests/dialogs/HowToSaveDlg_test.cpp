@@ -160,6 +160,7 @@ TEST_F(HowToSaveDlg_test, OkTakesTheCheckedChoiceAndTheBoxEvenWhenDisabled) {
     EXPECT_EQ(model.relate_enabled(), c.relate_enabled);
     EXPECT_EQ(model.accept().chosen_save_mode(), c.mode);
   }
+  EXPECT_EQ((how_to_save_answer{-1, true}.chosen_save_mode()), kSaveNewVersion);
   // Names are text, never a format.
   EXPECT_EQ(how_to_save_prompt("100%s.xps", "Zoë 東京.pdf"),
             "The '100%s.xps' has been converted to a PDF file.\n"

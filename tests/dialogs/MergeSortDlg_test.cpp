@@ -151,6 +151,7 @@ TEST_F(MergeSortDlg_test, ShowsAnyNumberOfDocumentsAndLongNamesAtTheSameSize) {
   std::optional<QSize> opening;
   for (const auto& [documents, order_end] : cases) {
     SCOPED_TRACE(documents.size());
+    test::scoped_test_env fresh;
     merge_sort_model model(documents, true);
     MergeSortDlg dialog(model);
     if (!opening) opening = dialog.size();
