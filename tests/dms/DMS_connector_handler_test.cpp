@@ -1,37 +1,12 @@
 #include "dms/DMS_connector_handler.h"
 
-#include <sstream>
-
 #include "dms/fault_connector/fault_connector_probe.h"
+#include "dms/log_lines.h"
 #include "support/register_component.h"
 #include "support/test_env.h"
 
 namespace tarn {
 namespace {
-
-// The texts of the log's entries, one a line, without the start entry and the time stamps.
-std::string log_texts(const simple_log& log) {
-  std::istringstream lines(log.render());
-  std::string line, texts;
-  std::getline(lines, line);  // start entry
-  std::getline(lines, line);  // rule
-  while (std::getline(lines, line)) texts += line.substr(line.find(", ") + 2) + "\n";
-  return texts;
-}
-
-std::string replace_all(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
-  return text;
-}
-
-// The log texts below write "DMS_connector_handler::" at the start of a line as "::", the PDF's
-// path as {PDF} and the private temporary folder as {TMP}.
-std::string expand(const std::string& text, const std::filesystem::path& pdf) {
-  std::string out = replace_all("\n" + text, "\n::", "\nDMS_connector_handler::").substr(1);
-  out = replace_all(out, "{PDF}", pdf.string());
-  return replace_all(out, "{TMP}", std::filesystem::temp_directory_path().string());
-}
 
 // What a create-PDF command does with one document; the number of items it closed.
 int run_create_pdf(DMS_connector_handler& dms, const std::filesystem::path& pdf) {
@@ -53,7 +28,18 @@ class DMS_connector_handler_test : public test::sandboxed_test {
     test::register_component(reg_root::local_machine, kClsidDmsConnector, FAULT_CONNECTOR);
     test::write_file(pdf_, "%PDF-1.4\n");
   }
-  std::string expand(const std::string& text) { return tarn::expand(text, pdf_); }
+  // The texts below write "DMS_connector_handler::" at the start of a line as "::", the PDF's
+  // path as {PDF} and the private temporary folder as {TMP}.
+  std::string expand(const std::string& text) {
+    std::string out = "\n" + text;
+    for (const auto& [from, to] :
+         {std::pair<std::string, std::string>{"\n::", "\nDMS_connector_handler::"},
+          {"{PDF}", pdf_.string()},
+          {"{TMP}", std::filesystem::temp_directory_path().string()}})
+      for (size_t at = out.find(from); at != std::string::npos; at = out.find(from, at + to.size()))
+        out.replace(at, from.size(), to);
+    return out.substr(1);
+  }
 
   test::fault_connector_probe connector_;
   const std::filesystem::path pdf_ = env_.tmp() / "report.pdf";
@@ -146,7 +132,8 @@ TEST_F(DMS_connector_handler_test, EveryFailureGivesTheEmptyResultAndItsLogLines
       DMS_connector_handler dms(log);
       closed = run_create_pdf(dms, pdf_);
     }
-    const std::string texts = log_texts(*log);
+    std::string texts;
+    for (const auto& line : test::log_lines(*log)) texts += line.substr(6) + "\n";  // "[...] "
     if (*c.faults == '\0') {
       EXPECT_EQ(texts, expand(kCreated + c.lines + kClosing));
       EXPECT_EQ(connector_.calls(), expand(kCalls));

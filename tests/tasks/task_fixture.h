@@ -31,14 +31,11 @@ class task_fixture : public sandboxed_test {
   // Connects the fault connector of tests/dms instead of dms_local.so.
   void use_fault_connector();
 
-  // Stores `content` as a new document "<name>.<extension>" in the default library and gives
-  // its reference ("N.1").
+  // Stores a new document "<name>.<extension>" in the folder "in <name>" and gives its
+  // reference ("N.1"). `content` is "pdf LABEL PAGES", "xps TEXT" or "oxps TEXT" for a real
+  // file, "gone" for a document whose content is lost, else the file's text.
   std::string add_document(const std::string& name, const std::string& extension,
-                           const std::string& content, const std::string& folder = "Inbox");
-  std::string add_document_from(const std::filesystem::path& file, const std::string& name,
-                                const std::string& extension, const std::string& folder = "Inbox");
-  // Removes the stored content of `ref`, so that fetching it fails.
-  void lose_content(const std::string& ref);
+                           const std::string& content);
   // Every version in the store, one line each: "2.1 report.pdf Inbox [source 1]: what", where
   // what is the stand-in helper's source file, the page labels or the text of a PDF.
   std::vector<std::string> store_summary();
