@@ -26,15 +26,15 @@ class HowToSaveDlg_test : public test::sandboxed_test {
 
 TEST_F(HowToSaveDlg_test, TheCheckBoxServesANewDocumentAndKeepsItsCheck) {
   test::store("how_to_save", 1);
-  how_to_save_model model(how_to_save_prompt("Quarterly report.docx", "Quarterly report.pdf"),
-                          false);
+  // Names are text, never a format.
+  how_to_save_model model(how_to_save_prompt("100%s report.xps", "Zoë 東京.pdf"), false);
   HowToSaveDlg dialog(model);
   test::as_user([](QWidget* dlg) {
     EXPECT_EQ(dlg->windowTitle(), "Save As");
     EXPECT_TRUE(dlg->windowFlags() & Qt::WindowStaysOnTopHint);
     EXPECT_EQ(test::child<QLabel>(dlg, "prompt")->text(),
-              "The 'Quarterly report.docx' has been converted to a PDF file.\n"
-              "How do you want to save the 'Quarterly report.pdf' ?");
+              "The '100%s report.xps' has been converted to a PDF file.\n"
+              "How do you want to save the 'Zoë 東京.pdf' ?");
     EXPECT_EQ(state(dlg), "ox- checked disabled");
     test::click(test::child(dlg, "save_new_document"));
     EXPECT_EQ(state(dlg), "xo- checked enabled");
@@ -107,8 +107,9 @@ TEST_F(HowToSaveDlg_test, LongNamesWrapAndTheWidthStays) {
   }
 }
 
-// From the stored values to the opened dialog, and what a Cancel after some clicks writes.
-TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndCancelWritesItBack) {
+// From the stored values to the opened dialog; a Cancel after the clicks writes back what was
+// stored, an OK gives the clicked choice and the box, even when disabled.
+TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndAnswersWithTheClickedOne) {
   const struct {
     const char* what;
     bool local_save;
@@ -116,12 +117,22 @@ TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndCancelWritesItBack) {
     int32_t checked;
     bool relate_checked, relate_enabled;
     uint32_t written_how, written_related;
+    int32_t choose;  // -1: no click
+    bool relate;
+    save_mode mode;
   } cases[] = {
-      {"nothing stored", false, {}, {}, kHowNewDocument, true, true, 0, 1},
-      {"new version", false, 1, 0, kHowNewVersion, false, false, 1, 0},
-      {"local save not allowed", false, 2, 1, kHowNewDocument, true, true, 0, 1},
-      {"local save allowed", true, 2, 1, kHowLocalSave, true, false, 2, 1},
-      {"unknown number", false, 0xFFFFFFFF, 1, -1, true, false, 0xFFFFFFFF, 1},
+      // clang-format off
+      {"nothing stored", false, {}, {}, kHowNewDocument, true, true, 0, 1,
+       kHowNewDocument, true, kSaveNewRelatedDocument},
+      {"new version", false, 1, 0, kHowNewVersion, false, false, 1, 0,
+       kHowNewDocument, false, kSaveNewDocument},
+      {"local save not allowed", false, 2, 1, kHowNewDocument, true, true, 0, 1,
+       kHowNewVersion, true, kSaveNewVersion},
+      {"local save allowed", true, 2, 1, kHowLocalSave, true, false, 2, 1,
+       kHowNewVersion, false, kSaveNewVersion},
+      {"unknown number", false, 0xFFFFFFFF, 1, -1, true, false, 0xFFFFFFFF, 1,
+       -1, true, kSaveNewVersion},
+      // clang-format on
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -133,40 +144,13 @@ TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndCancelWritesItBack) {
     EXPECT_EQ(model.checked(), c.checked);
     EXPECT_EQ(model.relate_checked(), c.relate_checked);
     EXPECT_EQ(model.relate_enabled(), c.relate_enabled);
-    model.choose(kHowNewVersion);
-    model.set_relate(!c.relate_checked);
+    if (c.choose != -1) model.choose(static_cast<how_to_save_choice>(c.choose));
+    model.set_relate(c.relate);
     model.store_settings();
     EXPECT_EQ(test::stored("how_to_save"), c.written_how);
     EXPECT_EQ(test::stored("saver_new_related"), c.written_related);
+    EXPECT_EQ(model.accept().chosen_save_mode(), c.mode);
   }
-}
-
-TEST_F(HowToSaveDlg_test, OkTakesTheCheckedChoiceAndTheBoxEvenWhenDisabled) {
-  const struct {
-    how_to_save_choice choice;
-    bool relate, relate_enabled;
-    save_mode mode;
-  } cases[] = {
-      {kHowNewDocument, true, true, kSaveNewRelatedDocument},
-      {kHowNewDocument, false, true, kSaveNewDocument},
-      {kHowNewVersion, true, false, kSaveNewVersion},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.choice) + (c.relate ? " related" : ""));
-    how_to_save_model model("prompt", false);
-    model.init();
-    model.set_relate(c.relate);
-    model.choose(c.choice);
-    EXPECT_EQ(model.relate_enabled(), c.relate_enabled);
-    how_to_save_answer answer = model.accept();
-    EXPECT_EQ(answer.how_to_save, c.choice);
-    EXPECT_EQ(answer.save_new_related, c.relate);
-    EXPECT_EQ(answer.chosen_save_mode(), c.mode);
-  }
-  // Names are text, never a format.
-  EXPECT_EQ(how_to_save_prompt("100%s.xps", "Zoë 東京.pdf"),
-            "The '100%s.xps' has been converted to a PDF file.\n"
-            "How do you want to save the 'Zoë 東京.pdf' ?");
 }
 
 }  // namespace

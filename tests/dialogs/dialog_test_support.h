@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "convutils/CConvRegKey.h"
 #include "dialogs/dialog_keys.h"
 #include "dms/doc_description.h"
-#include "platform/registry_store.h"
 #include "support/test_env.h"
 
 namespace tarn::test {
@@ -41,17 +41,15 @@ inline docs numbered_docs(int n) {
 
 // A value under HKCU\Software\Vantu\PDF\V1\iManage; empty when missing.
 inline std::optional<uint32_t> stored(const char* name) {
-  auto store = registry_store::open(reg_root::current_user, registry_store::access::read, nullptr);
-  auto value = store ? store->get(dialog_key(kDialogSubkey), name) : std::nullopt;
-  if (!value || value->type != kRegDword || value->data.size() != 4) return std::nullopt;
-  uint32_t number = 0;
-  for (int i = 3; i >= 0; --i) number = number << 8 | static_cast<unsigned char>(value->data[i]);
+  DWORD number = 0;
+  CConvRegKey value(reg_root::current_user, dialog_key(kDialogSubkey), name, DWORD{0});
+  if (value.read_number(&number) != kErrorSuccess) return std::nullopt;
   return number;
 }
 
 inline void store(const char* name, uint32_t number) {
-  registry_store::open(reg_root::current_user, registry_store::access::write, nullptr)
-      ->set(dialog_key(kDialogSubkey), name, kRegDword, reg_dword_bytes(number), nullptr);
+  CConvRegKey(reg_root::current_user, dialog_key(kDialogSubkey), name, DWORD{0})
+      .write_number(number);
 }
 
 template <typename Widget = QWidget>

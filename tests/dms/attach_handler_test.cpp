@@ -1,10 +1,8 @@
 #include "dms/attach_handler.h"
 
-#include <dlfcn.h>
-
 #include <map>
-#include <memory>
 
+#include "dms/fault_connector/fault_connector_probe.h"
 #include "support/register_component.h"
 #include "support/test_env.h"
 #include "support/test_pdf.h"
@@ -26,11 +24,6 @@ class attach_handler_test : public test::sandboxed_test {
     test::write_test_pdf(path, label, pages);
     return path;
   }
-  std::filesystem::path corrupt(const std::string& label) {
-    auto path = folder_ / (label + ".pdf");
-    test::write_file(path, "%PDF-1.4\nthis is no PDF at all\n");
-    return path;
-  }
 
   std::filesystem::path folder_;
 };
@@ -39,29 +32,19 @@ TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
   const struct {
     const char* name;
     std::vector<std::pair<std::string, int>> files;  // pages; 0 a corrupt file, -1 none
-    std::vector<bool> attached;
-    std::string result_file;  // "" when none opens
+    const char* attached;                            // 1 for each file taken
+    std::string result_file;                         // "" when none opens
     labels result;
   } cases[] = {
-      {"three files",
-       {{"a", 2}, {"b", 1}, {"c", 3}},
-       {true, true, true},
-       "a",
+      // clang-format off
+      {"three files", {{"a", 2}, {"b", 1}, {"c", 3}}, "111", "a",
        {"a.1", "a.2", "b.1", "c.1", "c.2", "c.3"}},
-      {"single file", {{"a", 2}}, {true}, "a", {"a.1", "a.2"}},
-      {"corrupt in the middle",
-       {{"a", 1}, {"bad", 0}, {"c", 2}},
-       {true, false, true},
-       "a",
-       {"a.1", "c.1", "c.2"}},
-      {"corrupt first", {{"bad", 0}, {"b", 1}, {"c", 1}}, {false, true, true}, "b", {"b.1", "c.1"}},
-      {"missing first", {{"gone", -1}, {"b", 1}}, {false, true}, "b", {"b.1"}},
-      {"every file corrupt", {{"x", 0}, {"y", 0}}, {false, false}, "", {}},
-      {"same file twice",
-       {{"a", 1}, {"b", 1}, {"b", 1}},
-       {true, true, true},
-       "a",
-       {"a.1", "b.1", "b.1"}},
+      {"corrupt in the middle", {{"a", 1}, {"bad", 0}, {"c", 2}}, "101", "a", {"a.1", "c.1", "c.2"}},
+      {"corrupt first", {{"bad", 0}, {"b", 1}, {"c", 1}}, "011", "b", {"b.1", "c.1"}},
+      {"missing first", {{"gone", -1}, {"b", 1}}, "01", "b", {"b.1"}},
+      {"every file corrupt", {{"x", 0}, {"y", 0}}, "00", "", {}},
+      {"same file twice", {{"a", 1}, {"b", 1}, {"b", 1}}, "111", "a", {"a.1", "b.1", "b.1"}},
+      // clang-format on
   };
   int row = 0;
   for (const auto& c : cases) {
@@ -71,15 +54,15 @@ TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
     std::vector<std::filesystem::path> paths;
     std::map<std::string, std::string> bytes_before;
     for (const auto& [label, pages] : c.files) {
-      paths.push_back(pages > 0    ? pdf(label, pages)
-                      : pages == 0 ? corrupt(label)
-                                   : folder_ / (label + ".pdf"));
+      paths.push_back(folder_ / (label + ".pdf"));
+      if (pages > 0) pdf(label, pages);
+      if (pages == 0) test::write_file(paths.back(), "%PDF-1.4\nthis is no PDF at all\n");
       if (pages >= 0) bytes_before[label] = test::read_file(paths.back());
     }
     {
       attach_handler attach;
       for (size_t i = 0; i < paths.size(); ++i)
-        EXPECT_EQ(attach.attach_file(paths[i]), c.attached[i]) << paths[i];
+        EXPECT_EQ(attach.attach_file(paths[i]), c.attached[i] == '1') << paths[i];
       // Nothing is written before the handler ends.
       if (!c.result_file.empty()) {
         EXPECT_EQ(test::read_file(folder_ / (c.result_file + ".pdf")), bytes_before[c.result_file]);
@@ -102,21 +85,16 @@ TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
 // The fault connector counts every call of its entry point, whatever class is asked for.
 TEST_F(attach_handler_test, CreatesTheComponentOnlyForAFileAndRetriesAFailedCreation) {
   test::register_component(reg_root::local_machine, kClsidPdfAttach, FAULT_CONNECTOR);
-  void* library = dlopen(FAULT_CONNECTOR, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(library, nullptr) << dlerror();
-  auto reset = reinterpret_cast<void (*)()>(dlsym(library, "fault_connector_reset"));
-  auto created = reinterpret_cast<int (*)()>(dlsym(library, "fault_connector_created"));
-  reset();
+  test::fault_connector_probe connector;
   { attach_handler attach; }
-  EXPECT_EQ(created(), 0);
+  EXPECT_EQ(connector.created(), 0);
   {
     attach_handler attach;
     EXPECT_FALSE(attach.attach_file(pdf("a", 1)));
     EXPECT_FALSE(attach.attach_file(pdf("b", 1)));
   }
-  EXPECT_EQ(created(), 2);
+  EXPECT_EQ(connector.created(), 2);
   EXPECT_EQ(test::pdf_page_labels(env_.tmp() / "a.pdf"), labels{"a.1"});
-  dlclose(library);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "dms/component_loader.h"
 
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 
 #include "dms/IDMSHelper.h"
 #include "dms/IPdfAttach.h"
@@ -35,64 +36,52 @@ TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
     const char* clsid;
     std::string library;  // "" registers nothing
     HRESULT hr;
-    std::string reason;
+    std::string reason;  // all of it or its part after the class
   } cases[] = {
       {"unregistered", kClsidDmsConnector, "", REGDB_E_CLASSNOTREG,
        "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97} is not registered (no "
        "Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}\\InprocServer32 in "
        "the machine or the user store)"},
       {"missing file", kClsidDmsConnector, "/no/such/dir/connector.so", kErrorModNotFound,
-       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: can't load /no/such/dir/connector.so: "
-       "/no/such/dir/connector.so: cannot open shared object file: No such file or directory"},
+       ": can't load /no/such/dir/connector.so: /no/such/dir/connector.so: cannot open shared "
+       "object file: No such file or directory"},
       {"relative path", kClsidDmsConnector, "fault_connector.so", kErrorModNotFound,
-       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: registered library "
-       "\"fault_connector.so\" is not an absolute path"},
+       ": registered library \"fault_connector.so\" is not an absolute path"},
       {"folder anyone may write", kClsidDmsConnector, planted, E_ACCESSDENIED,
-       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: refusing to load " + planted + ": " +
-           open_dir.string() + " can be written by others"},
+       ": refusing to load " + planted + ": " + open_dir.string() + " can be written by others"},
       {"not a library", kClsidDmsConnector, text_file, kErrorModNotFound,
-       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: can't load " + text_file + ": " + text_file +
-           ": file too short"},
+       ": can't load " + text_file + ": " + text_file + ": file too short"},
       {"no entry point", kClsidDmsConnector, NO_ENTRY_POINT, kErrorProcNotFound,
-       std::string("class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: ") + NO_ENTRY_POINT +
-           " has no entry point tarn_create_instance: " + NO_ENTRY_POINT +
-           ": undefined symbol: tarn_create_instance"},
+       " has no entry point tarn_create_instance: "},
       {"other interface version", kClsidDmsConnector, FAULT_CONNECTOR_NEXT_ABI, kErrorAbiMismatch,
-       std::string("class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}: ") + FAULT_CONNECTOR_NEXT_ABI +
-           " is built for another interface version than 1"},
+       " is built for another interface version than 1"},
       {"class the library doesn't make", kClsidPdfAttach, FAULT_CONNECTOR,
        CLASS_E_CLASSNOTAVAILABLE,
-       std::string("class {F3D21E10-ACE3-4CD1-AA63-7226F6416B06}: ") + FAULT_CONNECTOR +
+       "class {F3D21E10-ACE3-4CD1-AA63-7226F6416B06}: " + std::string(FAULT_CONNECTOR) +
            " refused interface {4DA6D6FD-203B-4E40-9419-0D58935D4C62}: 0x80040111 "
            "(ClassFactory cannot supply requested class)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     test::scoped_test_env env;
-    if (!c.library.empty()) register_component(reg_root::local_machine, c.clsid, c.library);
+    // A working library registered for the user never stands in for the machine's.
+    if (!c.library.empty()) {
+      register_component(reg_root::current_user, c.clsid, FAULT_CONNECTOR);
+      register_component(reg_root::local_machine, c.clsid, c.library);
+    }
     component<IDMSHelper> made;
     std::string err;
     EXPECT_EQ(made.create(c.clsid, kIidDmsHelper, &err), c.hr);
     EXPECT_FALSE(made);
-    EXPECT_EQ(err, c.reason);
+    EXPECT_THAT(err, ::testing::HasSubstr(c.reason));
     if (!c.library.empty()) {
       EXPECT_FALSE(is_loaded(c.library.c_str()));
     }
   }
 }
 
-TEST_F(component_loader_test, MachineRegistrationComesBeforeTheUsers) {
-  register_component(reg_root::current_user, kClsidDmsConnector, FAULT_CONNECTOR);
-  component<IDMSHelper> made;
-  ASSERT_EQ(made.create(kClsidDmsConnector, kIidDmsHelper), S_OK);
-
-  register_component(reg_root::local_machine, kClsidDmsConnector, "/no/such/connector.so");
-  EXPECT_EQ(made.create(kClsidDmsConnector, kIidDmsHelper), kErrorModNotFound);
-  EXPECT_FALSE(made);
-}
-
 TEST_F(component_loader_test, LibraryStaysLoadedAsLongAsItsObject) {
-  register_component(reg_root::local_machine, kClsidDmsConnector, FAULT_CONNECTOR);
+  register_component(reg_root::current_user, kClsidDmsConnector, FAULT_CONNECTOR);
   ASSERT_FALSE(is_loaded(FAULT_CONNECTOR));
   {
     component<IDMSHelper> made;

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <regex>
-
 #include "convutils/CConvRegKey.h"
 #include "support/conversion.h"
 #include "support/test_pdf.h"
@@ -150,20 +148,6 @@ class create_pdf_task_test : public test::task_fixture {
                     std::move(doc_refs))
         .do_work();
   }
-  void store(const source& doc) {
-    const fs::path file = env_.root() / "sources" / (doc.name + "." + doc.extension);
-    fs::create_directories(file.parent_path());
-    std::smatch kind;
-    if (std::regex_match(doc.content, kind, std::regex("pdf (.) (.)"))) {
-      test::write_test_pdf(file, kind[1], std::stoi(kind[2]));
-    } else if (std::regex_match(doc.content, kind, std::regex("(o?xps) (.*)"))) {
-      test::write_xps(file, {kind[2]}, kind[1] == "oxps");
-    } else {
-      test::write_file(file, doc.content);
-    }
-    const std::string ref = add_document_from(file, doc.name, doc.extension, "in " + doc.name);
-    if (doc.content == "gone") lose_content(ref);
-  }
   Lines asked() const {
     Lines lines;
     for (const auto& q : questions_->asked()) {
@@ -180,7 +164,7 @@ class create_pdf_scenario_test : public create_pdf_task_test,
 TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
   const scenario& s = GetParam();
   if (s.real_helper) install_helpers(helper::real);
-  for (const auto& doc : s.documents) store(doc);
+  for (const auto& doc : s.documents) add_document(doc.name, doc.extension, doc.content);
   if (s.merge) questions_->then_merge_sort(s.merge);
   if (s.save) questions_->then_how_to_save(s.save);
   if (s.nobody) questions_->nobody_answers();

@@ -1,14 +1,14 @@
 #include "task_fixture.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 #include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
 #include "dms/IDMSHelper.h"
 #include "dms/IPdfAttach.h"
+#include "dms/log_lines.h"
 #include "dms_local/doc_ref.h"
 #include "platform/self_exe.h"
 #include "support/conversion.h"
@@ -72,28 +72,24 @@ void task_fixture::use_fault_connector() {
 }
 
 std::string task_fixture::add_document(const std::string& name, const std::string& extension,
-                                       const std::string& content, const std::string& folder) {
-  const fs::path source = env_.root() / "sources" / (name + "." + extension);
-  write_file(source, content);
-  return add_document_from(source, name, extension, folder);
-}
-
-std::string task_fixture::add_document_from(const fs::path& file, const std::string& name,
-                                            const std::string& extension,
-                                            const std::string& folder) {
+                                       const std::string& content) {
+  const fs::path file = env_.root() / "sources" / (name + "." + extension);
+  fs::create_directories(file.parent_path());
+  std::smatch kind;
+  if (std::regex_match(content, kind, std::regex("pdf (.) (.)"))) {
+    write_test_pdf(file, kind[1], std::stoi(kind[2]));
+  } else if (std::regex_match(content, kind, std::regex("(o?xps) (.*)"))) {
+    write_xps(file, {kind[2]}, kind[1] == "oxps");
+  } else {
+    write_file(file, content);
+  }
   stored_version added;
   std::string err;
-  EXPECT_EQ(store_->add_document({file, name, extension, folder}, std::nullopt, &added, &err),
+  EXPECT_EQ(store_->add_document({file, name, extension, "in " + name}, std::nullopt, &added, &err),
             store_status::ok)
       << err;
+  if (content == "gone") fs::remove(store_->content_path(added));
   return added.ref();
-}
-
-void task_fixture::lose_content(const std::string& ref) {
-  stored_version v;
-  std::string err;
-  ASSERT_EQ(store_->find(std::stoll(ref), 0, &v, &err), store_status::ok) << err;
-  fs::remove(store_->content_path(v));
 }
 
 std::vector<std::string> task_fixture::store_summary() {
@@ -119,15 +115,10 @@ std::vector<std::string> task_fixture::store_summary() {
 }
 
 std::vector<std::string> task_fixture::log_texts(const std::string& prefix) const {
-  std::istringstream lines(log_->render());
-  std::string line;
   std::vector<std::string> texts;
-  std::getline(lines, line);  // start entry
-  std::getline(lines, line);  // rule
-  while (std::getline(lines, line)) {
-    line = line.substr(line.find(", ") + 2);
-    if (line.starts_with(prefix)) texts.push_back(line);
-  }
+  for (const auto& line : log_lines(*log_))
+    if (line.substr(line.find("] ") + 2).starts_with(prefix))
+      texts.push_back(line.substr(line.find("] ") + 2));
   return texts;
 }
 
@@ -144,24 +135,6 @@ std::vector<std::string> task_fixture::files_in_temp() const {
   }
   std::sort(files.begin(), files.end());
   return files;
-}
-
-fault_connector_probe::fault_connector_probe()
-    : library(dlopen(FAULT_CONNECTOR, RTLD_NOW | RTLD_LOCAL)) {
-  EXPECT_NE(library, nullptr) << dlerror();
-  if (library != nullptr) reinterpret_cast<void (*)()>(dlsym(library, "fault_connector_reset"))();
-}
-
-fault_connector_probe::~fault_connector_probe() {
-  if (library != nullptr) dlclose(library);
-}
-
-std::string fault_connector_probe::calls() const {
-  return reinterpret_cast<const char* (*)()>(dlsym(library, "fault_connector_calls"))();
-}
-
-int fault_connector_probe::open_items() const {
-  return reinterpret_cast<int (*)()>(dlsym(library, "fault_connector_open_items"))();
 }
 
 }  // namespace tarn::test

@@ -13,6 +13,7 @@
 
 #include "dialogs/scripted_user_questions.h"
 #include "dms/DMS_connector_handler.h"
+#include "dms/fault_connector/fault_connector_probe.h"
 #include "dms_local/local_store.h"
 #include "log/simple_log.h"
 #include "support/test_env.h"
@@ -30,14 +31,11 @@ class task_fixture : public sandboxed_test {
   // Connects the fault connector of tests/dms instead of dms_local.so.
   void use_fault_connector();
 
-  // Stores `content` as a new document "<name>.<extension>" in the default library and gives
-  // its reference ("N.1").
+  // Stores a new document "<name>.<extension>" in the folder "in <name>" and gives its
+  // reference ("N.1"). `content` is "pdf LABEL PAGES", "xps TEXT" or "oxps TEXT" for a real
+  // file, "gone" for a document whose content is lost, else the file's text.
   std::string add_document(const std::string& name, const std::string& extension,
-                           const std::string& content, const std::string& folder = "Inbox");
-  std::string add_document_from(const std::filesystem::path& file, const std::string& name,
-                                const std::string& extension, const std::string& folder = "Inbox");
-  // Removes the stored content of `ref`, so that fetching it fails.
-  void lose_content(const std::string& ref);
+                           const std::string& content);
   // Every version in the store, one line each: "2.1 report.pdf Inbox [source 1]: what", where
   // what is the stand-in helper's source file, the page labels or the text of a PDF.
   std::vector<std::string> store_summary();
@@ -52,16 +50,6 @@ class task_fixture : public sandboxed_test {
   std::shared_ptr<DMS_connector_handler> dms_;
   std::shared_ptr<scripted_user_questions> questions_ = std::make_shared<scripted_user_questions>();
   std::unique_ptr<local_store> store_;
-};
-
-// Exported counters of the fault connector, loaded by the test as the gateway loads it.
-struct fault_connector_probe {
-  fault_connector_probe();
-  ~fault_connector_probe();
-  std::string calls() const;
-  int open_items() const;
-
-  void* library = nullptr;
 };
 
 }  // namespace tarn::test
