@@ -9,9 +9,7 @@
 namespace tarn {
 namespace {
 
-using test::sandboxed_test;
-
-class registry_store_test : public sandboxed_test {
+class registry_store_test : public test::sandboxed_test {
  protected:
   std::unique_ptr<registry_store> open_user(registry_store::access mode) {
     std::string err;
@@ -74,21 +72,19 @@ TEST_F(registry_store_test, ConcurrentWritersLoseNothing) {
   constexpr int kWrites = 200;
   pid_t children[2];
   for (int child = 0; child < 2; ++child) {
-    if ((children[child] = fork()) == 0) {
-      auto store =
-          registry_store::open(reg_root::current_user, registry_store::access::write, nullptr);
-      for (int i = 0; store && i < kWrites; ++i) {
-        if (!store->set("Load\\W" + std::to_string(child), "v" + std::to_string(i), kRegDword,
-                        reg_dword_bytes(static_cast<uint32_t>(i)), nullptr))
-          _exit(1);
-      }
-      _exit(store ? 0 : 1);
+    if ((children[child] = fork()) != 0) continue;
+    auto store =
+        registry_store::open(reg_root::current_user, registry_store::access::write, nullptr);
+    for (int i = 0; store && i < kWrites; ++i) {
+      if (!store->set("Load\\W" + std::to_string(child), "v" + std::to_string(i), kRegDword,
+                      reg_dword_bytes(static_cast<uint32_t>(i)), nullptr))
+        _exit(1);
     }
+    _exit(store ? 0 : 1);
   }
   for (pid_t pid : children) {
     int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == 0) << status;
   }
   auto store = open_user(registry_store::access::read);
   for (const char* key : {"Load\\W0", "Load\\W1"})
