@@ -1,6 +1,5 @@
 #include "platform/registry_store.h"
 
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,11 +27,9 @@ TEST_F(registry_store_test, ReadNeverCreatesTheFileAndTheUserStoreIsPrivate) {
   EXPECT_EQ(code, ENOENT);
   EXPECT_FALSE(std::filesystem::exists(file));
   open_user(registry_store::access::write);
-  struct stat st;
-  ASSERT_EQ(stat(file.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  ASSERT_EQ(stat(file.parent_path().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  namespace fs = std::filesystem;
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(file.parent_path()).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(registry_store_test, KeysAreCaseInsensitiveMadeWithParentsAndRemovedWithTheirSubtree) {
