@@ -80,23 +80,6 @@ TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelated
   }
 }
 
-TEST_F(commands_e2e_test, OneDocumentIsSavedAsANewDocumentRelatedToItsSource) {
-  const auto refs = w_->import({w_->make_document("foxtrot.rtf", "Foxtrotword")});
-  ASSERT_EQ(refs.size(), 1u);
-  w_->remember("how_to_save", 0);
-  w_->remember("saver_new_related", 1);
-  const nlohmann::json before = w_->list();
-  x_display::answer user(w_->x(), "Save As", {"Return"});
-  w_->send_command(kCreatePdf, refs);
-  ASSERT_TRUE(user.answered());
-  ASSERT_TRUE(finished_with(before, 1)) << w_->trace();
-  const auto added = added_since(before);
-  const auto& [ref, doc] = *added.begin();
-  EXPECT_EQ(doc.at("name"), "foxtrot");
-  EXPECT_THAT(w_->dms({"related", refs[0]}).dump(), HasSubstr("\"" + ref + "\""));
-  EXPECT_THAT(w_->exported(ref), HasSubstr("Foxtrotword"));
-}
-
 // What the person is told at the end of a command: once, by a real notification service.
 TEST_F(commands_e2e_test, TheEndIsToldOnceWithWhatWasStoredAndWhatWasLeftOut) {
   // A file the print helper refuses: neither a document nor an image.

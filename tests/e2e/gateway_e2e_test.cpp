@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "canned_http_server.h"
@@ -34,23 +33,16 @@ TEST_F(gateway_e2e_test, ServesCallsAndALogOfWhatCameWithoutForgedLines) {
                  R"("3":{"str":"Offers\/2026"},"4":{"set":["str",2,"doc-1","doc-2"]}}])"),
             R"([1,"send_command",2,7,{}])");
 
+  // The start line, then the handlers' own entries, then one per document, each with its time.
   const std::string time = "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 1-3][0-9] [0-9:]{8} [0-9]{4}";
   const std::string command =
+      R"(\[0\] )" + time +
       R"(, send_command\(CREATE_PDF, "c\\r\\n<0>forged\\x1b", "Offers/2026", )";
-  const std::string expected[] = {
-      time + ", Vantu Tarn \\(version 5\\.0\\) GateWay started",
-      std::string(54, '-'),
-      "\\[\\.\\.\\.\\] " + time + ", DMS_connector_handler::DMS_connector_handler",
-      "\\[\\.\\.\\.\\] " + time + ", TarnGateWayHandler\\(\\)",
-      "\\[0\\] " + time + command + R"("doc-1"\))",
-      "\\[0\\] " + time + command + R"("doc-2"\))",
-  };
-  std::istringstream logs(body_of(get("/logs")));
-  std::string line;
-  for (const auto& pattern : expected) {
-    ASSERT_TRUE(std::getline(logs, line)) << "the log ends before " << pattern;
-    EXPECT_TRUE(std::regex_match(line, std::regex(pattern))) << line;
-  }
+  const std::string logs = body_of(get("/logs"));
+  EXPECT_TRUE(std::regex_search(
+      logs, std::regex("^" + time + R"(, Vantu Tarn \(version 5\.0\) GateWay started\n-{54}\n)" +
+                       "(.*\n){2}" + command + R"("doc-1"\)\n)" + command + R"("doc-2"\)\n)")))
+      << logs;
   stop(*gateway);
   const std::string err = gateway->error_output();
   EXPECT_NE(err.find(R"("c\r\n<0>forged\x1b")"), std::string::npos) << err;
@@ -98,26 +90,15 @@ TEST_F(gateway_e2e_test, ASecondInstanceGivesUpWhileTheFirstGoesOn) {
   stop(*first);
 }
 
-TEST_F(gateway_e2e_test, RefusalsEndTheProcessWithTheirCodeAndSayWhy) {
-  const struct {
-    const char* chassis;
-    bool port_taken;
-    int code;
-    std::string message;
-  } cases[] = {
-      {"server", false, 4, ": TarnGateWay.exe can't run on Windows Server version.\n"},
-      {"desktop", true, 5, "tarngateway: can't listen on port 9090: "},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.message);
-    write_file(env_.root() / "machine-info", std::string("CHASSIS=") + c.chassis + "\n");
-    std::optional<canned_http_server> foreign;
-    if (c.port_taken)
-      foreign.emplace(canned_http_server::reply("404 Not Found", "text/html", ""), kPort);
-    gateway_process gateway(env_.root(), "refused");
-    EXPECT_EQ(gateway.wait_exit(30s), std::optional<int>(c.code));
-    EXPECT_NE(gateway.error_output().find(c.message), std::string::npos) << gateway.error_output();
-  }
+// A refusal at start leaves main() as the second instance's does; this one comes later, from
+// the event loop.
+TEST_F(gateway_e2e_test, APortTakenByAnotherProgramEndsTheProcessWithItsCodeAndSaysWhy) {
+  canned_http_server foreign(canned_http_server::reply("404 Not Found", "text/html", ""), kPort);
+  gateway_process gateway(env_.root(), "refused");
+  EXPECT_EQ(gateway.wait_exit(30s), std::optional<int>(5));
+  EXPECT_NE(gateway.error_output().find("tarngateway: can't listen on port 9090: "),
+            std::string::npos)
+      << gateway.error_output();
 }
 
 // With the default deadlines, none of which would end them: a client that stopped halfway

@@ -1,7 +1,5 @@
 // `cmake --install` into a private prefix: the flat folder runs from there, and the systemd
 // user unit and the autostart entry name the installed gateway.
-#include <sys/stat.h>
-
 #include "e2e_fixture.h"
 #include "support/run_program.h"
 #include "web/raw_http_client.h"
@@ -31,14 +29,9 @@ TEST_F(install_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   const auto entry_path = prefix / "etc/xdg/autostart/tarngateway.desktop";
   const std::string unit = read_file(unit_path);
   const std::string entry = read_file(entry_path);
-  ASSERT_FALSE(unit.empty()) << unit_path;
-  ASSERT_FALSE(entry.empty()) << entry_path;
   const std::string gateway = value_of(unit, "ExecStart");
   EXPECT_TRUE(gateway.starts_with(prefix.string() + "/")) << gateway;
   EXPECT_EQ(value_of(entry, "Exec"), gateway);
-  struct stat st {};
-  ASSERT_EQ(stat(gateway.c_str(), &st), 0) << gateway;
-  EXPECT_TRUE(st.st_mode & S_IXUSR) << gateway;
 
   const auto runtime = env_.root() / "run";
   const program_result verify =

@@ -50,15 +50,10 @@ class notification_service {
     write_file(folder / "dunstrc",
                "[record]\n    appname = \"*\"\n    script = " + script.string() + "\n");
     // No services started on demand: dunstctl would otherwise start a dunst of its own.
-    write_file(folder / "bus.conf",
-               "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-               "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\"><busconfig>"
-               "<type>session</type><listen>" +
-                   address_ +
-                   "</listen>"
-                   "<auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
-                   "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
-                   "</busconfig>");
+    write_file(folder / "bus.conf", "<busconfig><type>session</type><listen>" + address_ +
+                                        "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                                        "<allow send_destination=\"*\"/><allow eavesdrop=\"true\"/>"
+                                        "<allow own=\"*\"/></policy></busconfig>");
     bus_ = child_process::start(
         {kBus, "--config-file=" + (folder / "bus.conf").string(), "--nofork", "--nosyslog"}, {},
         &why_);

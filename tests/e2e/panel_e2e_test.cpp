@@ -38,30 +38,18 @@ class chromium_page {
         open((profile.string() + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     // The pipes go on descriptors 3 and 4. The browser keeps its temporary files beside its
     // profile, out of the folder the gateway's temporary files are checked in.
-    browser_ = child_process::start({"/bin/sh",
-                                     "-c",
-                                     R"(i=$1 o=$2; shift 2; exec "$@" 3<"$i" 4>"$o")",
-                                     "sh",
-                                     in,
-                                     out,
-                                     "/usr/bin/setpriv",
-                                     "--pdeathsig",
-                                     "KILL",
-                                     "/usr/bin/env",
-                                     "TMPDIR=" + profile.parent_path().string(),
-                                     chromium,
-                                     "--headless",
-                                     "--no-sandbox",
-                                     "--disable-gpu",
-                                     "--disable-quic",
-                                     "--no-first-run",
-                                     "--disable-background-networking",
-                                     "--disable-component-update",
-                                     "--disable-sync",
-                                     "--user-data-dir=" + profile.string(),
-                                     "--remote-debugging-pipe",
-                                     "about:blank"},
-                                    {.stdout_fd = log.get(), .stderr_fd = log.get()}, &why_);
+    const std::string tmpdir = "TMPDIR=" + profile.parent_path().string(),
+                      data_dir = "--user-data-dir=" + profile.string(),
+                      to_fds = R"(i=$1 o=$2; shift 2; exec "$@" 3<"$i" 4>"$o")";
+    std::vector<std::string> argv = {
+        "/bin/sh",     "-c",   to_fds,         "sh",   in,       out,     "/usr/bin/setpriv",
+        "--pdeathsig", "KILL", "/usr/bin/env", tmpdir, chromium, data_dir};
+    for (const char* flag :
+         {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+          "--disable-background-networking", "--disable-component-update", "--disable-sync",
+          "--remote-debugging-pipe", "about:blank"})
+      argv.push_back(flag);
+    browser_ = child_process::start(argv, {.stdout_fd = log.get(), .stderr_fd = log.get()}, &why_);
     if (!browser_) return;
     const nlohmann::json target = command("Target.createTarget", {{"url", "about:blank"}}, true);
     if (target.is_null()) return;
@@ -106,14 +94,11 @@ class chromium_page {
                  "); e.scrollIntoView({block: 'center'}); const r = e.getBoundingClientRect();"
                  " return {x: r.x + r.width / 2, y: r.y + r.height / 2}; })()");
     if (at.is_null()) return false;
+    nlohmann::json event = {
+        {"x", at.at("x")}, {"y", at.at("y")}, {"button", "left"}, {"clickCount", 1}};
     for (const char* type : {"mousePressed", "mouseReleased"}) {
-      if (command("Input.dispatchMouseEvent", {{"type", type},
-                                               {"x", at.at("x")},
-                                               {"y", at.at("y")},
-                                               {"button", "left"},
-                                               {"clickCount", 1}})
-              .is_null())
-        return false;
+      event["type"] = type;
+      if (command("Input.dispatchMouseEvent", event).is_null()) return false;
     }
     return true;
   }
@@ -162,10 +147,8 @@ class chromium_page {
     }
   }
 
-  unique_fd to_browser_;
-  unique_fd from_browser_;
-  std::string pending_;
-  std::string session_;
+  unique_fd to_browser_, from_browser_;
+  std::string pending_, session_;
   int next_id_ = 1;
   std::string why_;
   std::unique_ptr<child_process> browser_;  // last: ended first

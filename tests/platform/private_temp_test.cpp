@@ -1,6 +1,5 @@
 #include "platform/private_temp.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
@@ -12,12 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class private_temp_test : public test::sandboxed_test {};
-
-unsigned mode_of(const fs::path& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
+using private_temp_test = test::sandboxed_test;
 
 TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot) {
   const std::string own = "tarn-" + std::to_string(getuid());
@@ -25,7 +19,7 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
                  cache = env_.home() / ".cache" / "tarn-tmp";
   const auto folder = [](const fs::path& dir, unsigned mode) {
     fs::create_directories(dir);
-    chmod(dir.c_str(), mode);
+    fs::permissions(dir, fs::perms(mode));
   };
   // Without TMPDIR; `mode` of a "tarn" folder already there, 0: none.
   const auto runtime_with = [&](unsigned mode) {
@@ -88,11 +82,9 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
     } else {
       EXPECT_EQ(dir, fs::path(c.expected)) << err;
     }
-    if (dir) EXPECT_EQ(mode_of(*dir), 0700u);
-    chmod(shared.c_str(), 0700);
-    fs::remove_all(shared);
-    fs::remove_all(runtime);
-    fs::remove_all(cache);
+    EXPECT_TRUE(!dir || fs::symlink_status(*dir).permissions() == fs::perms::owner_all);
+    if (fs::exists(shared)) fs::permissions(shared, fs::perms::owner_all);
+    for (const auto& made : {shared, runtime, cache}) fs::remove_all(made);
     env_.set_env("XDG_RUNTIME_DIR", std::nullopt);
     env_.set_env("XDG_CACHE_HOME", (env_.home() / ".cache").string());
   }

@@ -1,6 +1,5 @@
 #include "platform/registry_store.h"
 
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,9 +8,7 @@
 namespace tarn {
 namespace {
 
-using test::sandboxed_test;
-
-class registry_store_test : public sandboxed_test {
+class registry_store_test : public test::sandboxed_test {
  protected:
   std::unique_ptr<registry_store> open_user(registry_store::access mode) {
     std::string err;
@@ -30,11 +27,9 @@ TEST_F(registry_store_test, ReadNeverCreatesTheFileAndTheUserStoreIsPrivate) {
   EXPECT_EQ(code, ENOENT);
   EXPECT_FALSE(std::filesystem::exists(file));
   open_user(registry_store::access::write);
-  struct stat st;
-  ASSERT_EQ(stat(file.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  ASSERT_EQ(stat(file.parent_path().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  namespace fs = std::filesystem;
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(file.parent_path()).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(registry_store_test, KeysAreCaseInsensitiveMadeWithParentsAndRemovedWithTheirSubtree) {
@@ -74,21 +69,19 @@ TEST_F(registry_store_test, ConcurrentWritersLoseNothing) {
   constexpr int kWrites = 200;
   pid_t children[2];
   for (int child = 0; child < 2; ++child) {
-    if ((children[child] = fork()) == 0) {
-      auto store =
-          registry_store::open(reg_root::current_user, registry_store::access::write, nullptr);
-      for (int i = 0; store && i < kWrites; ++i) {
-        if (!store->set("Load\\W" + std::to_string(child), "v" + std::to_string(i), kRegDword,
-                        reg_dword_bytes(static_cast<uint32_t>(i)), nullptr))
-          _exit(1);
-      }
-      _exit(store ? 0 : 1);
+    if ((children[child] = fork()) != 0) continue;
+    auto store =
+        registry_store::open(reg_root::current_user, registry_store::access::write, nullptr);
+    for (int i = 0; store && i < kWrites; ++i) {
+      if (!store->set("Load\\W" + std::to_string(child), "v" + std::to_string(i), kRegDword,
+                      reg_dword_bytes(static_cast<uint32_t>(i)), nullptr))
+        _exit(1);
     }
+    _exit(store ? 0 : 1);
   }
   for (pid_t pid : children) {
     int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == 0) << status;
   }
   auto store = open_user(registry_store::access::read);
   for (const char* key : {"Load\\W0", "Load\\W1"})

@@ -9,7 +9,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class trusted_path_test : public test::sandboxed_test {};
+using trusted_path_test = test::sandboxed_test;
 
 TEST_F(trusted_path_test, OnlyFilesNobodyElseCouldHavePlacedOrChangedPass) {
   const fs::path root = env_.root();
