@@ -36,6 +36,7 @@ constexpr long long kDefaultTimeoutMs = 120'000;
 // Set only by the tests: every document hangs once loaded, so that the time-out can be seen
 // at work.
 constexpr const char* kStallHook = "TARN_OFFICE_TEST_STALL";
+constexpr std::chrono::milliseconds kSocketCheck{5000};
 
 // One line of the worker's log (its standard error).
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -80,6 +81,7 @@ class worker {
 
  private:
   bool listen_on_socket(std::string* err);
+  bool socket_is_ours() const;
   void serve_one(int client);
   void convert(int client, const nlohmann::json& request);
   void prime();
@@ -91,6 +93,7 @@ class worker {
   unique_fd listener_;
   std::optional<socket_address> address_;  // keeps a /proc/self/fd path's folder open
   bool bound_ = false;
+  ino_t socket_inode_ = 0;
   unsigned converted_ = 0;
   lok_office office_;
   conversion_watchdog watchdog_;
@@ -110,7 +113,14 @@ bool worker::listen_on_socket(std::string* err) {
     return false;
   }
   bound_ = true;
+  struct stat st;
+  if (::stat(paths_.socket().c_str(), &st) == 0) socket_inode_ = st.st_ino;
   return true;
+}
+
+bool worker::socket_is_ours() const {
+  struct stat st;
+  return ::stat(paths_.socket().c_str(), &st) == 0 && st.st_ino == socket_inode_;
 }
 
 void worker::run() {
@@ -159,17 +169,31 @@ void worker::run() {
           std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count()));
   if (options_.prime && std::getenv(kStallHook) == nullptr) prime();
 
-  const int idle_ms = static_cast<int>(std::chrono::milliseconds(options_.idle).count());
+  using std::chrono::milliseconds;
+  const milliseconds idle = options_.idle;
+  auto since = clock::now();
   for (;;) {
+    const auto waited = std::chrono::duration_cast<milliseconds>(clock::now() - since);
+    const milliseconds left = std::max(idle - waited, milliseconds(0));
     pollfd p{listener_.get(), POLLIN, 0};
-    const int ready = ::poll(&p, 1, idle_ms);
+    // Wakes now and then: an office whose socket was removed (its temporary folder cleaned up)
+    // can never be reached again and would only hold its memory until the idle time ends.
+    const int ready = ::poll(&p, 1, static_cast<int>(std::min(left, kSocketCheck).count()));
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
-      say("idle for %lld s; exiting", static_cast<long long>(options_.idle.count()));
-      finish(0);
+      if (clock::now() - since >= idle) {
+        say("idle for %lld s; exiting", static_cast<long long>(options_.idle.count()));
+        finish(0);
+      }
+      if (!socket_is_ours()) {
+        say("%s is gone; exiting", paths_.socket().c_str());
+        finish(0);
+      }
+      continue;
     }
     unique_fd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (client) serve_one(client.get());
+    since = clock::now();
   }
 }
 
