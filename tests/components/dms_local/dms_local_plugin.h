@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -50,6 +51,20 @@ inline std::string select_item(IDMSHelper& dms, const std::string& doc_ref,
   std::string item = "unset";
   EXPECT_TRUE(SUCCEEDED(dms.SelectDocItem(connection, "", doc_ref, &item))) << doc_ref;
   return item;
+}
+
+// Stores `file` as `mode` asks and closes the new item, as the gateway does.
+inline HRESULT save_doc(IDMSHelper& dms, int32_t mode, const std::filesystem::path& file,
+                        const std::string& source_ref = "", const std::string& folder = "",
+                        const std::string& location = "") {
+  std::string item = "unset";
+  const HRESULT hr = dms.SaveDocItem(mode, file.string(), "", location, folder,
+                                     file.filename().string(), source_ref, 0, &item);
+  EXPECT_EQ(item.empty(), FAILED(hr));
+  if (SUCCEEDED(hr)) {
+    EXPECT_EQ(dms.DocClose("", item, kCloseNormal), S_OK);
+  }
+  return hr;
 }
 
 // The properties of `doc_ref` as a map; empty when the connector refused.

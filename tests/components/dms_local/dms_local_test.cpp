@@ -54,19 +54,10 @@ class dms_local_test : public test::sandboxed_test {
     return path;
   }
 
-  // Stores `file` and closes the new item, as the gateway does.
   HRESULT save(int32_t mode, const fs::path& file, const std::string& source_ref = "",
                IDMSHelper* dms = nullptr, const std::string& folder = "",
                const std::string& location = "") {
-    if (dms == nullptr) dms = dms_.get();
-    std::string item = "unset";
-    const HRESULT hr = dms->SaveDocItem(mode, file.string(), "", location, folder,
-                                        file.filename().string(), source_ref, 0, &item);
-    EXPECT_EQ(item.empty(), FAILED(hr));
-    if (SUCCEEDED(hr)) {
-      EXPECT_EQ(dms->DocClose("", item, kCloseNormal), S_OK);
-    }
-    return hr;
+    return test::save_doc(dms ? *dms : *dms_, mode, file, source_ref, folder, location);
   }
 
   // Opens `ref` into the cache; *item is left open for the caller.

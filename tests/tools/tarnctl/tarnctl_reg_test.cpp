@@ -49,7 +49,9 @@ TEST_F(tarnctl_reg_test, AddQueryDeleteLikeRegExe) {
   EXPECT_EQ(tarnctl({"reg", "query", kKey}).exit_code, 1);
 }
 
+// Without a terminal to confirm on, overwriting and deleting want /f.
 TEST_F(tarnctl_reg_test, RefusesBadInputWithTheValueAtFault) {
+  ASSERT_EQ(tarnctl({"reg", "add", kKey, "/v", "a", "/d", "old", "/f"}).exit_code, 0);
   const struct {
     std::vector<std::string> args;
     int exit_code;
@@ -61,32 +63,26 @@ TEST_F(tarnctl_reg_test, RefusesBadInputWithTheValueAtFault) {
       {{"reg", "add", kKey, "/v", "a", "/t", "REG_DWORD", "/d", "-1", "/f"}, 2, "-1"},
       {{"reg", "add", kKey, "/v", "a", "/t", "REG_NONE", "/f"}, 2, "REG_NONE"},
       {{"reg", "add", kKey, "/v", "a", "/t", "REG_BINARY", "/d", "0g", "/f"}, 2, "0g"},
+      {{"reg", "add", kKey, "/v", "a", "/d", "new"}, 1, "add /f"},
+      {{"reg", "delete", kKey}, 1, ""},
       {{"reg", "query", "HKCU\\Nothing\\Here"}, 1, "unable to find"},
       {{"reg", "frobnicate"}, 2, "frobnicate"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[1] + " " + c.args.back());
-    auto r = tarnctl(c.args);
+    auto r = tarnctl(c.args, "yes\n");
     EXPECT_EQ(r.exit_code, c.exit_code);
     EXPECT_NE(r.err.find(c.err_part), std::string::npos) << r.err;
   }
-}
-
-TEST_F(tarnctl_reg_test, OverwriteAndDeleteWantSlashFWithoutATerminal) {
-  ASSERT_EQ(tarnctl({"reg", "add", kKey, "/v", "a", "/d", "old", "/f"}).exit_code, 0);
-  auto r = tarnctl({"reg", "add", kKey, "/v", "a", "/d", "new"}, "yes\n");
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_NE(r.err.find("add /f"), std::string::npos);
-  EXPECT_EQ(tarnctl({"reg", "delete", kKey}).exit_code, 1);
-  r = tarnctl({"reg", "query", kKey, "/v", "a"});
-  EXPECT_NE(r.out.find("REG_SZ    old"), std::string::npos);
+  EXPECT_NE(tarnctl({"reg", "query", kKey, "/v", "a"}).out.find("REG_SZ    old"),
+            std::string::npos);
 }
 
 TEST_F(tarnctl_reg_test, SetupRegistersTheInstallFolderAndRemoveTakesOnlyThatBack) {
   auto r = tarnctl({"setup"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  auto store = registry_store::open(env_.machine_registry(), registry_store::access::write, 0644,
-                                    nullptr);
+  auto store =
+      registry_store::open(env_.machine_registry(), registry_store::access::write, 0644, nullptr);
   ASSERT_TRUE(store);
   auto value = store->get("Software\\Vantu\\PDF\\V1", "InstallPath");
   ASSERT_TRUE(value);
@@ -112,8 +108,8 @@ TEST_F(tarnctl_reg_test, SetupRegistersTheInstallFolderAndRemoveTakesOnlyThatBac
   r = tarnctl({"setup", "--remove"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_FALSE(store->key_exists("Software\\Vantu"));
-  EXPECT_FALSE(store->key_exists(
-      "Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}"));
+  EXPECT_FALSE(
+      store->key_exists("Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}"));
   value = store->get(attach_key, "");
   ASSERT_TRUE(value);
   EXPECT_EQ(reg_sz_text(value->data), foreign);

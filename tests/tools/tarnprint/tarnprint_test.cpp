@@ -402,14 +402,9 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
 
   env_.set_env("TARN_OFFICE_TEST_STALL", std::nullopt);
   set_print_setting("ConvertTimeoutSeconds", 120);
-  set_print_setting("OfficeIdleSeconds", 1);
   r = tarnprint(src_, out_ / "fine.pdf");
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  pids = started_workers();
-  ASSERT_EQ(pids.size(), 2u);
-  EXPECT_TRUE(ended(pids[1])) << "an idle worker exits";
-  EXPECT_NE(test::read_file(runtime_dir() / "office.log").find("idle for 1 s; exiting"),
-            std::string::npos);
+  EXPECT_EQ(started_workers().size(), 2u);
 }
 
 // A DOCX whose one picture is linked from the web, not embedded.
