@@ -90,9 +90,10 @@ void write_png(const fs::path& path) {
   ASSERT_TRUE(image.save(QString::fromStdString(path.string()), "PNG")) << path;
 }
 
+// With a comment: a LibreOffice without its UI definitions loads no such document.
 constexpr const char* kFlatText = R"(<?xml version="1.0" encoding="UTF-8"?>
-<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.text">
-<office:body><office:text><text:p>Writer Grüße 105</text:p></office:text></office:body></office:document>
+<office:document xmlns:office="urn:oasis:names:tc:opendocument:xmlns:office:1.0" xmlns:text="urn:oasis:names:tc:opendocument:xmlns:text:1.0" xmlns:dc="http://purl.org/dc/elements/1.1/" office:version="1.2" office:mimetype="application/vnd.oasis.opendocument.text">
+<office:body><office:text><text:p>Writer Grüße 105<office:annotation><dc:creator>A</dc:creator><text:p>A comment</text:p></office:annotation></text:p></office:text></office:body></office:document>
 )";
 class tarnprint_test : public ::testing::Test {
  protected:
