@@ -38,6 +38,10 @@ constexpr long long kDefaultTimeoutMs = 120'000;
 constexpr const char* kStallHook = "TARN_OFFICE_TEST_STALL";
 constexpr std::chrono::milliseconds kSocketCheck{5000};
 
+long long ms_since(clock::time_point begin) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count();
+}
+
 // One line of the worker's log (its standard error).
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void say(const char* format, ...) {
@@ -164,9 +168,7 @@ void worker::run() {
     say("%s", err.c_str());
     finish(1);
   }
-  say("office loaded in %lld ms",
-      static_cast<long long>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count()));
+  say("office loaded in %lld ms", ms_since(begin));
   if (options_.prime && std::getenv(kStallHook) == nullptr) prime();
 
   using std::chrono::milliseconds;
@@ -213,12 +215,11 @@ void worker::prime() {
                   office_.convert(docx, dst, "pdf", std::nullopt, &err);
   std::error_code ec;
   for (const auto& file : {src, docx, dst}) fs::remove(file, ec);
-  const auto ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count();
+  const long long ms = ms_since(begin);
   if (ok) {
-    say("primed in %lld ms", static_cast<long long>(ms));
+    say("primed in %lld ms", ms);
   } else {
-    say("priming failed after %lld ms: %s", static_cast<long long>(ms), err.c_str());
+    say("priming failed after %lld ms: %s", ms, err.c_str());
   }
 }
 
@@ -281,13 +282,11 @@ void worker::convert(int client, const nlohmann::json& request) {
   const bool ok = office_.convert(linked ? link : src, dst, format, csv, &err);
   if (linked) ::unlink(link.c_str());
   watchdog_.disarm();
-  const auto ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count();
+  const long long ms = ms_since(begin);
   if (ok) {
-    say("%s -> %s: %lld ms", src.c_str(), format.c_str(), static_cast<long long>(ms));
+    say("%s -> %s: %lld ms", src.c_str(), format.c_str(), ms);
   } else {
-    say("%s -> %s failed after %lld ms: %s", src.c_str(), format.c_str(),
-        static_cast<long long>(ms), err.c_str());
+    say("%s -> %s failed after %lld ms: %s", src.c_str(), format.c_str(), ms, err.c_str());
   }
   const bool told = ok ? send_message(client, {{"ok", true}})
                        : send_message(client, {{"ok", false}, {"error", err}});
