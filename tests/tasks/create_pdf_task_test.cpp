@@ -1,10 +1,7 @@
 #include "tasks/create_pdf_task.h"
 
-#include <unistd.h>
-
 #include "convutils/CConvRegKey.h"
-#include "support/conversion.h"
-#include "support/test_pdf.h"
+#include "convutils/ConvUtils.h"
 #include "task_fixture.h"
 
 namespace tarn {
@@ -37,20 +34,15 @@ struct scenario {
 };
 void PrintTo(const scenario& s, std::ostream* out) { *out << s.what; }
 
-merge_script versions = [](merge_sort_model& d) {
-  d.choose_single();
-  d.set_save_new(false);
-  return true;
-};
-merge_script merge_as_is = [](merge_sort_model& d) {
-  d.choose_merge();
-  return true;
-};
-merge_script merge_unrelated = [](merge_sort_model& d) {
-  d.choose_merge();
-  d.set_save_new_related(false);
-  return true;
-};
+// One PDF of all, or one each stored as new versions; related to the source or not.
+merge_script merge(bool combine, bool related = true) {
+  return [=](merge_sort_model& d) {
+    combine ? d.choose_merge() : d.choose_single();
+    d.set_save_new(combine);
+    d.set_save_new_related(related);
+    return true;
+  };
+}
 merge_script b_c_a = [](merge_sort_model& d) {
   d.choose_merge();
   return d.move_down(0) == 1 && d.move_up(2) == 1;  // a, b, c -> b, a, c -> b, c, a
@@ -90,13 +82,13 @@ const scenario kScenarios[] = {
      {}, true, false, true},
     {"EachDocumentByItsKind",
      {{"b", "txt", "b"}, {"x", "xps", "xps Xps"}, {"o", "oxps", "oxps Open"}, {"c", "XPS", ""}},
-     {"1.1", "2.1", "3.1", "4.1"}, versions, {}, {},
+     {"1.1", "2.1", "3.1", "4.1"}, merge(false), {}, {},
      {"1.1 b.txt in b", "1.2 b.pdf in b: printed b.txt", "2.1 x.xps in x", "2.2 x.pdf in x: Xps",
       "3.1 o.oxps in o", "3.2 o.pdf in o: Open", "4.1 c.XPS in c", "4.2 c.pdf in c: printed c.XPS"},
      {"MergeSortDlg b x o c"}},
     {"FailuresPassOverTheirDocumentOnly",
      {{"a", "txt", "a"}, {"b", "txt", "FAIL"}, {"c", "txt", "gone"}, {"d", "txt", "HANG"}},
-     {"1.1", "2.1", "3.1", "4.1"}, versions, {},
+     {"1.1", "2.1", "3.1", "4.1"}, merge(false), {},
      {kFail + "can't download file: \"3.1\"", kFail + "can't convert file: \"2.1\"",
       kFail + "can't convert file: \"4.1\""},
      {"1.1 a.txt in a", "1.2 a.pdf in a: printed a.txt", "2.1 b.txt in b", "3.1 c.txt in c",
@@ -116,16 +108,16 @@ const scenario kScenarios[] = {
      {"MergeSortDlg a b c"}, true, true},
     {"MergeLentByTheFirstJoinedNotTheFirstConverted",
      {{"a", "txt", "a"}, {"x", "xps", "xps X"}, {"y", "xps", "xps Y"}},
-     {"1.1", "2.1", "3.1"}, merge_as_is, {}, {},
+     {"1.1", "2.1", "3.1"}, merge(true), {}, {},
      {"1.1 a.txt in a", "2.1 x.xps in x [derived 4]", "3.1 y.xps in y",
       "4.1 x.pdf in x [source 2]: X Y"},
      {"MergeSortDlg a x y"}},
     {"MergeOfSameNamedFilesKeepsBoth", {{"t", "pdf", "pdf T 1"}, {"t", "pdf", "pdf U 1"}},
-     {"1.1", "2.1"}, merge_unrelated, {}, {},
+     {"1.1", "2.1"}, merge(true, false), {}, {},
      {"1.1 t.pdf in t: T.1", "2.1 t.pdf in t: U.1", "3.1 t.pdf in t: T.1 U.1"},
      {"MergeSortDlg t t"}, true, true},
     {"RefusedReferenceStillBringsUpTheMergeDialog", {{"report", "docx", "text"}},
-     {"1.1", "999.1"}, merge_as_is, {}, {}, {kReport + " [derived 2]", kDerived},
+     {"1.1", "999.1"}, merge(true), {}, {}, {kReport + " [derived 2]", kDerived},
      {"MergeSortDlg report"}},
     {"MergeCancelledFetchesNothing", {{"a", "txt", "a"}, {"b", "txt", "b"}}, {"1.1", "2.1"},
      cancel, {}, {}, {"1.1 a.txt in a", "2.1 b.txt in b"}, {"MergeSortDlg a b"}, false},
@@ -139,8 +131,7 @@ class create_pdf_task_test : public test::task_fixture {
   void SetUp() override {
     task_fixture::SetUp();
     // A hanging helper is ended after a second.
-    CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
-                "print_helper_timeout", DWORD{0})
+    CConvRegKey(reg_root::current_user, kGatewayKey, "print_helper_timeout", DWORD{0})
         .write_number(1);
   }
   void run(std::set<std::string> doc_refs, const std::string& connection = "c") {
@@ -188,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(, create_pdf_scenario_test, ::testing::ValuesIn(kScenar
 TEST_F(create_pdf_task_test, MergedCommandStoresOnceAndClosesInOrder) {
   use_fault_connector();
   test::fault_connector_probe connector;
-  questions_->then_merge_sort(merge_as_is);
+  questions_->then_merge_sort(merge(true));
   run({"d1", "d2", "d3"});
   std::string calls;
   for (const char* n : {"1", "2", "3"})
