@@ -36,28 +36,57 @@ class MergeSortDlg_test : public test::sandboxed_test {
   }
 };
 
+// Any number of documents, long names too, at one size; OK gives the rows in their new order.
 TEST_F(MergeSortDlg_test, CombineMoveAndOkWithTheMouse) {
-  merge_sort_model model(test::numbered_docs(4), true);
-  MergeSortDlg dialog(model);
-  test::as_user([](QWidget* dlg) {
-    EXPECT_EQ(dlg->windowTitle(), "Merge items to one PDF");
-    EXPECT_TRUE(dlg->windowFlags() & Qt::WindowStaysOnTopHint);
-    EXPECT_EQ(state(dlg), "0001 version");
-    test::save_picture(dlg, "merge_sort_each");
-    test::click(test::child(dlg, "one_pdf"));
-    EXPECT_EQ(state(dlg), "1110 new");
-    test::click(test::child(dlg, "each_pdf"));
-    EXPECT_EQ(state(dlg), "0001 new");  // the forced choice stays
-    test::click(test::child(dlg, "one_pdf"));
-    select(dlg, 2);
-    for (int i = 0; i < 3; ++i) test::click(test::child(dlg, "up"));  // the third does nothing
-    EXPECT_EQ(files(dlg)->selected_row(), 0);
-    test::save_picture(dlg, "merge_sort");
-    test::click(test::child(dlg, "ok"));
-  });
-  ASSERT_EQ(dialog.exec(), QDialog::Accepted);
-  EXPECT_EQ(order(dialog.answer()), "1003 1001 1002 1004 ");
-  EXPECT_TRUE(dialog.answer().merge_documents_);
+  const std::string long_name =
+      "Квартальный отчёт — Zoë Ångström — Περίληψη συνεδρίασης — " + std::string(200, 'x');
+  const test::docs long_names = {test::doc(long_name, "4711"), test::doc("", "4712"),
+                                 test::doc("Überblick", "4713")};
+  const struct {
+    test::docs documents;
+    int selected, ups, selected_after;
+    const char* order_end;
+    const char* picture;
+  } cases[] = {
+      // The third Up at the top does nothing.
+      {test::numbered_docs(4), 2, 3, 0, "1003 1001 1002 1004 ", "merge_sort"},
+      {{}, merge_sort_model::kNoRow, 1, merge_sort_model::kNoRow, "", nullptr},
+      {test::numbered_docs(200), 199, 1, 198, " 1198 1200 1199 ", nullptr},
+      {long_names, 2, 1, 1, "4711 4713 4712 ", "merge_sort_long_names"},
+  };
+  std::optional<QSize> opening;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.documents.size());
+    test::scoped_test_env fresh;
+    merge_sort_model model(c.documents, true);
+    MergeSortDlg dialog(model);
+    if (!opening) opening = dialog.size();
+    EXPECT_EQ(dialog.size(), *opening);
+    test::as_user([&](QWidget* dlg) {
+      EXPECT_EQ(dlg->windowTitle(), "Merge items to one PDF");
+      EXPECT_TRUE(dlg->windowFlags() & Qt::WindowStaysOnTopHint);
+      EXPECT_EQ(state(dlg), "0001 version");
+      if (&c == cases) test::save_picture(dlg, "merge_sort_each");
+      test::click(test::child(dlg, "one_pdf"));
+      EXPECT_EQ(state(dlg), "1110 new");
+      test::click(test::child(dlg, "each_pdf"));
+      EXPECT_EQ(state(dlg), "0001 new");  // the forced choice stays
+      test::click(test::child(dlg, "one_pdf"));
+      EXPECT_EQ(files(dlg)->rowCount(), static_cast<int>(c.documents.size()));
+      if (c.selected != merge_sort_model::kNoRow) select(dlg, c.selected);
+      for (int i = 0; i < c.ups; ++i) test::click(test::child(dlg, "up"));
+      EXPECT_EQ(files(dlg)->selected_row(), c.selected_after);
+      if (c.documents == long_names) {
+        EXPECT_TRUE(files(dlg)->cell_elided(0, 0));
+        EXPECT_FALSE(files(dlg)->cell_elided(1, 0));
+      }
+      if (c.picture) test::save_picture(dlg, c.picture);
+      test::click(test::child(dlg, "ok"));
+    });
+    ASSERT_EQ(dialog.exec(), QDialog::Accepted);
+    EXPECT_THAT(order(dialog.answer()), ::testing::EndsWith(c.order_end));
+    EXPECT_TRUE(dialog.answer().merge_documents_);
+  }
 }
 
 TEST_F(MergeSortDlg_test, WorksFromTheKeyboardAlone) {
@@ -79,6 +108,7 @@ TEST_F(MergeSortDlg_test, WorksFromTheKeyboardAlone) {
   EXPECT_TRUE(dialog.answer().merge_documents_);
 }
 
+// The list takes a window's growth; the next dialog opens at the size the last one left.
 TEST_F(MergeSortDlg_test, CancelEscapeAndCloseForgetTheChoicesButKeepTheSize) {
   const std::pair<const char*, std::function<void(QWidget*)>> cases[] = {
       {"Cancel", [](QWidget* dlg) { test::click(test::child(dlg, "cancel")); }},
@@ -89,14 +119,26 @@ TEST_F(MergeSortDlg_test, CancelEscapeAndCloseForgetTheChoicesButKeepTheSize) {
     SCOPED_TRACE(how);
     test::scoped_test_env fresh;
     merge_sort_model model(test::numbered_docs(3), true);
-    QSize last;
+    QSize minimum, last;
     {
       MergeSortDlg dialog(model);
+      minimum = dialog.minimumSize();
+      EXPECT_EQ(dialog.size(), minimum);
       test::as_user([&, end = end](QWidget* dlg) {
         test::click(test::child(dlg, "one_pdf"));
         select(dlg, 1);
         test::click(test::child(dlg, "down"));
-        dlg->resize(dlg->size() + QSize(40, 30));
+        dlg->resize(10, 10);
+        EXPECT_EQ(dlg->size(), minimum);
+        QWidget* ok = test::child(dlg, "ok");
+        const QPoint ok_to_corner = QPoint(dlg->width(), dlg->height()) - ok->pos();
+        const QSize list = files(dlg)->size();
+        const QPoint up = test::child(dlg, "up")->pos();
+        dlg->resize(dlg->size() + QSize(120, 90));
+        QApplication::processEvents();
+        EXPECT_EQ(QPoint(dlg->width(), dlg->height()) - ok->pos(), ok_to_corner);
+        EXPECT_EQ(files(dlg)->size(), list + QSize(120, 90));
+        EXPECT_EQ(test::child(dlg, "up")->pos(), up);
         last = dlg->size();
         end(dlg);
       });
@@ -104,69 +146,10 @@ TEST_F(MergeSortDlg_test, CancelEscapeAndCloseForgetTheChoicesButKeepTheSize) {
     }
     EXPECT_FALSE(test::stored("do_merge"));
     EXPECT_EQ(test::stored("merge_dialog_size"), pack_frame_size({last.width(), last.height()}));
-  }
-}
-
-TEST_F(MergeSortDlg_test, OpensAtItsMinimumThenAtTheStoredSizeWithinTheScreen) {
-  merge_sort_model first_model(test::numbered_docs(3), true);
-  auto first = std::make_unique<MergeSortDlg>(first_model);
-  const QSize minimum = first->minimumSize();
-  EXPECT_EQ(first->size(), minimum);
-  test::as_user([](QWidget* dlg) {
-    dlg->resize(10, 10);
-    EXPECT_EQ(dlg->size(), dlg->minimumSize());
-    // Controls at the right and bottom follow the window; the list takes the growth.
-    QWidget* ok = test::child(dlg, "ok");
-    const QPoint ok_to_corner = QPoint(dlg->width(), dlg->height()) - ok->pos();
-    const QSize list = files(dlg)->size();
-    const QPoint up = test::child(dlg, "up")->pos();
-    dlg->resize(dlg->size() + QSize(120, 90));
-    QApplication::processEvents();
-    EXPECT_EQ(QPoint(dlg->width(), dlg->height()) - ok->pos(), ok_to_corner);
-    EXPECT_EQ(files(dlg)->size(), list + QSize(120, 90));
-    EXPECT_EQ(test::child(dlg, "up")->pos(), up);
-    dlg->close();
-  });
-  first->exec();
-  first.reset();
-  // The next opens at the size the last left; fitting it to the screen: resizable_frame_test.
-  MergeSortDlg second(first_model);
-  EXPECT_EQ(second.size(), minimum + QSize(120, 90));
-  EXPECT_EQ(second.minimumSize(), minimum);
-}
-
-TEST_F(MergeSortDlg_test, ShowsAnyNumberOfDocumentsAndLongNamesAtTheSameSize) {
-  const std::string long_name =
-      "Квартальный отчёт — Zoë Ångström — Περίληψη συνεδρίασης — " + std::string(200, 'x');
-  const test::docs long_names = {test::doc(long_name, "4711"), test::doc("", "4712"),
-                                 test::doc("Überblick", "4713")};
-  const std::pair<test::docs, const char*> cases[] = {
-      // the documents, their order's end
-      {{}, ""},
-      {test::numbered_docs(200), " 1198 1200 1199 "},
-      {long_names, "4711 4713 4712 "}};
-  std::optional<QSize> opening;
-  for (const auto& [documents, order_end] : cases) {
-    SCOPED_TRACE(documents.size());
-    test::scoped_test_env fresh;
-    merge_sort_model model(documents, true);
-    MergeSortDlg dialog(model);
-    if (!opening) opening = dialog.size();
-    EXPECT_EQ(dialog.size(), *opening);
-    test::as_user([&, &documents = documents](QWidget* dlg) {
-      test::click(test::child(dlg, "one_pdf"));
-      EXPECT_EQ(files(dlg)->rowCount(), static_cast<int>(documents.size()));
-      if (!documents.empty()) select(dlg, static_cast<int>(documents.size()) - 1);
-      test::click(test::child(dlg, "up"));
-      if (documents == long_names) {
-        EXPECT_TRUE(files(dlg)->cell_elided(0, 0));
-        EXPECT_FALSE(files(dlg)->cell_elided(1, 0));
-        test::save_picture(dlg, "merge_sort_long_names");
-      }
-      test::click(test::child(dlg, "ok"));
-    });
-    ASSERT_EQ(dialog.exec(), QDialog::Accepted);
-    EXPECT_THAT(order(dialog.answer()), ::testing::EndsWith(order_end));
+    // Fitting a stored size to the screen: resizable_frame_test.
+    MergeSortDlg next(model);
+    EXPECT_EQ(next.size(), last);
+    EXPECT_EQ(next.minimumSize(), minimum);
   }
 }
 

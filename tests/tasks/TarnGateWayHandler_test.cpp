@@ -18,13 +18,6 @@ using apache::thrift::protocol::TJSONProtocol;
 using apache::thrift::transport::TMemoryBuffer;
 using Lines = std::vector<std::string>;
 
-std::string made(int32_t cmd, const std::string& connection, const std::string& location,
-                 const std::set<std::string>& refs) {
-  std::string text = std::to_string(cmd) + " " + connection + "|" + location;
-  for (const auto& ref : refs) text += "|" + ref;
-  return text;
-}
-
 class TarnGateWayHandler_test : public ::testing::Test {
  protected:
   // Tasks of the test's own: each records the command it was made for.
@@ -35,7 +28,8 @@ class TarnGateWayHandler_test : public ::testing::Test {
         void do_work() override {}
       };
       EXPECT_NE(dms, nullptr);
-      made_.push_back(made(a.cmd, a.dms_connection, a.dms_location, a.doc_refs));
+      made_.push_back(std::to_string(a.cmd) + " " + a.dms_connection + "|" + a.dms_location);
+      for (const auto& ref : a.doc_refs) made_.back() += "|" + ref;
       return std::make_unique<recorded>();
     };
   }

@@ -1,10 +1,7 @@
 #include "tasks/create_pdf_task.h"
 
-#include <unistd.h>
-
 #include "convutils/CConvRegKey.h"
-#include "support/conversion.h"
-#include "support/test_pdf.h"
+#include "convutils/ConvUtils.h"
 #include "task_fixture.h"
 
 namespace tarn {
@@ -37,20 +34,15 @@ struct scenario {
 };
 void PrintTo(const scenario& s, std::ostream* out) { *out << s.what; }
 
-merge_script versions = [](merge_sort_model& d) {
-  d.choose_single();
-  d.set_save_new(false);
-  return true;
-};
-merge_script merge_as_is = [](merge_sort_model& d) {
-  d.choose_merge();
-  return true;
-};
-merge_script merge_unrelated = [](merge_sort_model& d) {
-  d.choose_merge();
-  d.set_save_new_related(false);
-  return true;
-};
+// One PDF of all, or one each stored as new versions; related to the source or not.
+merge_script merge(bool combine, bool related = true) {
+  return [=](merge_sort_model& d) {
+    combine ? d.choose_merge() : d.choose_single();
+    d.set_save_new(combine);
+    d.set_save_new_related(related);
+    return true;
+  };
+}
 merge_script b_c_a = [](merge_sort_model& d) {
   d.choose_merge();
   return d.move_down(0) == 1 && d.move_up(2) == 1;  // a, b, c -> b, a, c -> b, c, a
@@ -90,13 +82,13 @@ const scenario kScenarios[] = {
      {}, true, false, true},
     {"EachDocumentByItsKind",
      {{"b", "txt", "b"}, {"x", "xps", "xps Xps"}, {"o", "oxps", "oxps Open"}, {"c", "XPS", ""}},
-     {"1.1", "2.1", "3.1", "4.1"}, versions, {}, {},
+     {"1.1", "2.1", "3.1", "4.1"}, merge(false), {}, {},
      {"1.1 b.txt in b", "1.2 b.pdf in b: printed b.txt", "2.1 x.xps in x", "2.2 x.pdf in x: Xps",
       "3.1 o.oxps in o", "3.2 o.pdf in o: Open", "4.1 c.XPS in c", "4.2 c.pdf in c: printed c.XPS"},
      {"MergeSortDlg b x o c"}},
     {"FailuresPassOverTheirDocumentOnly",
      {{"a", "txt", "a"}, {"b", "txt", "FAIL"}, {"c", "txt", "gone"}, {"d", "txt", "HANG"}},
-     {"1.1", "2.1", "3.1", "4.1"}, versions, {},
+     {"1.1", "2.1", "3.1", "4.1"}, merge(false), {},
      {kFail + "can't download file: \"3.1\"", kFail + "can't convert file: \"2.1\"",
       kFail + "can't convert file: \"4.1\""},
      {"1.1 a.txt in a", "1.2 a.pdf in a: printed a.txt", "2.1 b.txt in b", "3.1 c.txt in c",
@@ -116,16 +108,16 @@ const scenario kScenarios[] = {
      {"MergeSortDlg a b c"}, true, true},
     {"MergeLentByTheFirstJoinedNotTheFirstConverted",
      {{"a", "txt", "a"}, {"x", "xps", "xps X"}, {"y", "xps", "xps Y"}},
-     {"1.1", "2.1", "3.1"}, merge_as_is, {}, {},
+     {"1.1", "2.1", "3.1"}, merge(true), {}, {},
      {"1.1 a.txt in a", "2.1 x.xps in x [derived 4]", "3.1 y.xps in y",
       "4.1 x.pdf in x [source 2]: X Y"},
      {"MergeSortDlg a x y"}},
     {"MergeOfSameNamedFilesKeepsBoth", {{"t", "pdf", "pdf T 1"}, {"t", "pdf", "pdf U 1"}},
-     {"1.1", "2.1"}, merge_unrelated, {}, {},
+     {"1.1", "2.1"}, merge(true, false), {}, {},
      {"1.1 t.pdf in t: T.1", "2.1 t.pdf in t: U.1", "3.1 t.pdf in t: T.1 U.1"},
      {"MergeSortDlg t t"}, true, true},
     {"RefusedReferenceStillBringsUpTheMergeDialog", {{"report", "docx", "text"}},
-     {"1.1", "999.1"}, merge_as_is, {}, {}, {kReport + " [derived 2]", kDerived},
+     {"1.1", "999.1"}, merge(true), {}, {}, {kReport + " [derived 2]", kDerived},
      {"MergeSortDlg report"}},
     {"MergeCancelledFetchesNothing", {{"a", "txt", "a"}, {"b", "txt", "b"}}, {"1.1", "2.1"},
      cancel, {}, {}, {"1.1 a.txt in a", "2.1 b.txt in b"}, {"MergeSortDlg a b"}, false},
@@ -139,8 +131,7 @@ class create_pdf_task_test : public test::task_fixture {
   void SetUp() override {
     task_fixture::SetUp();
     // A hanging helper is ended after a second.
-    CConvRegKey(reg_root::current_user, "Software\\Vantu\\PDF\\V1\\TarnGateWay",
-                "print_helper_timeout", DWORD{0})
+    CConvRegKey(reg_root::current_user, kGatewayKey, "print_helper_timeout", DWORD{0})
         .write_number(1);
   }
   void run(std::set<std::string> doc_refs, const std::string& connection = "c") {
@@ -183,81 +174,75 @@ TEST_P(create_pdf_scenario_test, StoresWhatTheUserChoseAndLeavesNothingBehind) {
 INSTANTIATE_TEST_SUITE_P(, create_pdf_scenario_test, ::testing::ValuesIn(kScenarios),
                          [](const auto& info) { return info.param.what; });
 
-// Three documents joined: one store call, with the first's PDF; then each item is closed, the
-// stored one right after the first.
-TEST_F(create_pdf_task_test, MergedCommandStoresOnceAndClosesInOrder) {
+// Every item opened is closed, also when the connector fails midway; three documents joined
+// make one store call, with the first's PDF, and the stored item is closed right after the
+// first. A PDF path that is taken gets a free name; without a usable temporary folder for one
+// the document is passed over. The connector's own copies stay: it never deletes them.
+TEST_F(create_pdf_task_test, ConnectorSeesEveryItemClosedAndNoFileWrittenOver) {
   use_fault_connector();
-  test::fault_connector_probe connector;
-  questions_->then_merge_sort(merge_as_is);
-  run({"d1", "d2", "d3"});
-  std::string calls;
-  for (const char* n : {"1", "2", "3"})
-    calls += std::string("DocGetProperties(c, l, d") + n + ")\n";
-  for (const char* n : {"1", "2", "3"}) {
-    calls += std::string("SelectDocItem(c, l, d") + n + ")\nDocOpen(c, item" + n +
-             ", 2)\nDocGetLocalFile(c, item" + n + ")\n";
-  }
-  EXPECT_EQ(connector.calls(), calls + "SaveDocItem(1, " + (env_.tmp() / "item1.pdf").string() +
-                                   ", c, l, Reports, Bericht \xc3\xbc.pdf, d1, 0)\n"
-                                   "DocClose(c, item1, 0)\nDocClose(c, saved4, 0)\n"
-                                   "DocClose(c, item2, 0)\nDocClose(c, item3, 0)\n");
-  EXPECT_EQ(connector.open_items(), 0);
-  // The connector's own copies stay: it never deletes them.
-  EXPECT_EQ(files_in_temp(), (Lines{"item1.docx", "item2.docx", "item3.docx"}));
-}
-
-TEST_F(create_pdf_task_test, ConnectorFailingMidwayStillHasEveryItemClosed) {
-  use_fault_connector();
-  const std::string pdf = (env_.tmp() / "item1.pdf").string();
+  auto fetch = [](const char* n) {
+    return std::string("SelectDocItem(c, l, d") + n + ")\nDocOpen(c, item" + n +
+           ", 2)\nDocGetLocalFile(c, item" + n + ")\n";
+  };
+  auto save = [&](int mode, const char* pdf) {
+    return "SaveDocItem(" + std::to_string(mode) + ", " + (env_.tmp() / pdf).string() +
+           ", c, l, Reports, Bericht \xc3\xbc.pdf, d1, 0)\n";
+  };
+  const std::string props = "DocGetProperties(c, l, d1)\n", close = "DocClose(c, item1, 0)\n";
   const struct {
     const char* fault;
-    std::string calls;  // after DocOpen
+    std::set<std::string> refs;
+    how_to_save_choice how;
+    bool taken, no_temp;  // item1.pdf is there already; no private folder can be made
+    std::string calls;
+    Lines in_temp;
+    std::string error;  // the start of the one error logged
   } cases[] = {
-      {"DocGetLocalFile", "DocGetLocalFile(c, item1)\nDocClose(c, item1, 0)\n"},
-      {"SaveDocItem", "DocGetLocalFile(c, item1)\nSaveDocItem(0, " + pdf +
-                          ", c, l, Reports, Bericht \xc3\xbc.pdf, d1, 0)\nDocClose(c, item1, 0)\n"},
+      // clang-format off
+      {"DocGetLocalFile", {"d1"}, kHowNewDocument, false, false, props + fetch("1") + close,
+       {"item1.docx"}, ""},
+      {"SaveDocItem", {"d1"}, kHowNewDocument, false, false,
+       props + fetch("1") + save(0, "item1.pdf") + close, {"item1.docx"}, ""},
+      {"", {"d1", "d2", "d3"}, kHowNewDocument, false, false,
+       props + "DocGetProperties(c, l, d2)\nDocGetProperties(c, l, d3)\n" + fetch("1") +
+           fetch("2") + fetch("3") + save(1, "item1.pdf") + close +
+           "DocClose(c, saved4, 0)\nDocClose(c, item2, 0)\nDocClose(c, item3, 0)\n",
+       {"item1.docx", "item2.docx", "item3.docx"}, ""},
+      {"", {"d1"}, kHowNewVersion, true, false,
+       props + fetch("1") + save(2, "item1 (2).pdf") + close + "DocClose(c, saved2, 0)\n",
+       {"item1.docx", "item1.pdf", "item2.docx", "item3.docx"}, ""},
+      {"", {"d1"}, kHowNewVersion, true, true, props + fetch("1") + close,
+       {"item1.docx", "item1.pdf", "item2.docx", "item3.docx"},
+       kFail + "failed for \"d1\": no temporary folder: "},
+      // clang-format on
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.fault);
+    SCOPED_TRACE(c.calls);
     env_.set_env("TARN_FAULT", c.fault);
+    if (c.taken) test::write_file(env_.tmp() / "item1.pdf", "older");
+    if (c.no_temp) {
+      // The temporary folder is open to others and can't take another, and the cache is no
+      // folder.
+      test::write_file(env_.root() / "no-cache", "");
+      env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
+      fs::permissions(env_.tmp(), fs::perms::owner_read | fs::perms::owner_exec |
+                                      fs::perms::others_read | fs::perms::others_exec);
+    }
     test::fault_connector_probe connector;
-    questions_->then_how_to_save(save_as(kHowNewDocument, false));
-    run({"d1"});
-    EXPECT_EQ(
-        connector.calls(),
-        "DocGetProperties(c, l, d1)\nSelectDocItem(c, l, d1)\nDocOpen(c, item1, 2)\n" + c.calls);
+    questions_ = std::make_shared<scripted_user_questions>();
+    questions_->then_merge_sort(merge(true));
+    questions_->then_how_to_save(save_as(c.how, false));
+    const size_t errors = log_texts("ERROR:").size();
+    run(c.refs);
+    fs::permissions(env_.tmp(), fs::perms::owner_all);
+    EXPECT_EQ(connector.calls(), c.calls);
     EXPECT_EQ(connector.open_items(), 0);
-    EXPECT_EQ(files_in_temp(), Lines{"item1.docx"});
+    EXPECT_EQ(files_in_temp(), c.in_temp);
+    EXPECT_EQ(test::read_file(env_.tmp() / "item1.pdf") == "older", c.taken);
+    const Lines lines = log_texts("ERROR:");
+    ASSERT_EQ(lines.size(), errors + (c.error.empty() ? 0 : 1));
+    EXPECT_TRUE(c.error.empty() || lines.back().starts_with(c.error)) << lines.back();
   }
-}
-
-// A PDF path that is taken goes to the temporary folder under a free name; without a usable
-// temporary folder the document is passed over, and its item closed.
-TEST_F(create_pdf_task_test, TakenPdfPathsAreNeverWrittenOver) {
-  use_fault_connector();
-  test::fault_connector_probe connector;
-  for (const char* name : {"item1.pdf", "item3.pdf"}) test::write_file(env_.tmp() / name, "older");
-  questions_->then_how_to_save(save_as(kHowNewVersion, false));
-  run({"d1"});
-  EXPECT_NE(connector.calls().find("SaveDocItem(2, " + (env_.tmp() / "item1 (2).pdf").string()),
-            std::string::npos);
-
-  // No private folder anywhere: the temporary folder is open to others and can't take
-  // another, and the cache is no folder.
-  test::write_file(env_.tmp() / "item3.docx", "");
-  test::write_file(env_.root() / "no-cache", "");
-  env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
-  fs::permissions(env_.tmp(), fs::perms::owner_read | fs::perms::owner_exec |
-                                  fs::perms::others_read | fs::perms::others_exec);
-  run({"d2"});
-  fs::permissions(env_.tmp(), fs::perms::owner_all);
-  const Lines lines = log_texts("ERROR:");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].starts_with(kFail + "failed for \"d2\": no temporary folder: ")) << lines[0];
-  EXPECT_EQ(connector.open_items(), 0);
-  EXPECT_EQ(files_in_temp(), (Lines{"item1.docx", "item1.pdf", "item3.docx", "item3.pdf"}));
-  EXPECT_EQ(test::read_file(env_.tmp() / "item1.pdf") + test::read_file(env_.tmp() / "item3.pdf"),
-            "olderolder");
 }
 
 }  // namespace

@@ -50,10 +50,8 @@ TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
   for (const auto& name : test::names_in(env_.tmp()))
     if (name.starts_with("tarnassist-")) copies = env_.tmp() / name;
   ASSERT_FALSE(copies.empty()) << text;
-  EXPECT_EQ(text, "[FILES]\r\nCount=3\r\nDelete=1\r\n1=\"\"\r\n2=\"" + copies.string() +
-                      "/Gr\xfc\xdf"
-                      "e.pdf\"\r\n3=\"" +
-                      copies.string() + "/" + names[2] + ".pdf\"\r\n");
+  EXPECT_EQ(text,
+            assistant_list_text({"", copies / (names[1] + ".pdf"), copies / (names[2] + ".pdf")}));
   struct stat st;
   ASSERT_EQ(stat(copies.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
@@ -103,11 +101,10 @@ TEST_F(open_cassistant_task_test, EveryFetchedItemIsClosedBeforeTheNext) {
   use_fault_connector();
   const struct {
     const char* fault;
-    std::string rows;
+    std::vector<fs::path> copies;
   } cases[] = {
-      {"", "1=\"" + (env_.tmp() / "item1.docx").string() + "\"\r\n2=\"" +
-               (env_.tmp() / "item2.docx").string() + "\"\r\n"},
-      {"DocGetLocalFile", "1=\"\"\r\n2=\"\"\r\n"},
+      {"", {env_.tmp() / "item1.docx", env_.tmp() / "item2.docx"}},
+      {"DocGetLocalFile", {"", ""}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.fault);
@@ -115,7 +112,7 @@ TEST_F(open_cassistant_task_test, EveryFetchedItemIsClosedBeforeTheNext) {
     test::fault_connector_probe connector;
     run({"d2", "d1"}, "c");
     fs::path list;
-    EXPECT_EQ(started_list(&list), "[FILES]\r\nCount=2\r\nDelete=1\r\n" + c.rows);
+    EXPECT_EQ(started_list(&list), assistant_list_text(c.copies));
     EXPECT_EQ(connector.calls(),
               "DocGetProperties(c, l, d1)\nDocGetProperties(c, l, d2)\n"
               "SelectDocItem(c, l, d1)\nDocOpen(c, item1, 2)\nDocGetLocalFile(c, item1)\n"
