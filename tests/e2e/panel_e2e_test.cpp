@@ -157,17 +157,16 @@ class chromium_page {
 class panel_e2e_test : public workstation_test {};
 
 // Resolves when the element's status class is no longer "pending": its class and text.
-const char* const kSettled = R"((id) => new Promise((resolve) => {
+std::string settled(const std::string& id) {
+  return R"(((id) => new Promise((resolve) => {
   const status = document.getElementById(id);
   const settled = () => !status.classList.contains('pending') && status.textContent !== '';
   const done = () => resolve({cls: status.className, text: status.textContent});
   if (settled()) return done();
   new MutationObserver(() => { if (settled()) done(); })
       .observe(status, {attributes: true, childList: true, characterData: true, subtree: true});
-}))";
-
-std::string settled(const std::string& id) {
-  return "(" + std::string(kSettled) + ")('" + id + "')";
+}))(')" + id +
+         "')";
 }
 
 TEST_F(panel_e2e_test, WithoutAGatewayBehindItThePageSaysSo) {
@@ -192,7 +191,6 @@ TEST_F(panel_e2e_test, ATypedCommandIsPostedAsTypedAndItsReplyShown) {
   EXPECT_EQ(page.evaluate(settled("status")).value("cls", ""), "status ok");
   EXPECT_EQ(page.evaluate("document.getElementById('version').textContent"),
             "Vantu Tarn (version 5.0)");
-  EXPECT_EQ(page.evaluate("document.getElementById('logs-link').getAttribute('href')"), "/logs");
 
   ASSERT_TRUE(page.click("try-location"));
   ASSERT_TRUE(page.type(location));

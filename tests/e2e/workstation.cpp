@@ -40,8 +40,6 @@ workstation::workstation() {
   fs::create_directories(shared_tmp());
   fs::permissions(shared_tmp(), fs::perms::all | fs::perms::sticky_bit);
   env_.set_env("TMPDIR", shared_tmp().string());
-  fs::create_directory(temp());
-  fs::permissions(temp(), fs::perms::owner_all);
   x_ = std::make_unique<x_display>();
   if (!x_->started()) {
     why_ = x_->why();
@@ -158,9 +156,11 @@ std::vector<std::string> workstation::temp_files() const {
   return files;
 }
 
-void workstation::remember(const std::string& value, uint32_t number) {
-  const program_result r = set_dword("iManage", value, number);
-  EXPECT_EQ(r.exit_code, 0) << r.err;
+void workstation::remember(const std::vector<std::pair<std::string, uint32_t>>& answers) {
+  for (const auto& [value, number] : answers) {
+    const program_result r = set_dword("iManage", value, number);
+    EXPECT_EQ(r.exit_code, 0) << value << ": " << r.err;
+  }
 }
 
 }  // namespace tarn::test
