@@ -15,7 +15,7 @@ using ::testing::AllOf;
 using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
 
 class commands_e2e_test : public workstation_test {
  protected:
@@ -36,25 +36,19 @@ class commands_e2e_test : public workstation_test {
 };
 
 TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelatedDocument) {
-  const auto refs = w_->import(
-      {w_->make_document("alpha.rtf", "Alphaword"), w_->make_document("bravo.rtf", "Bravoword"),
-       w_->make_document("charlie.txt", "Charlieword")},
-      "Merged");
-  ASSERT_EQ(refs.size(), 3u);
-  std::map<std::string, std::pair<std::string, std::string>> name_and_text = {
-      {refs[0], {"alpha", "Alphaword"}},
-      {refs[1], {"bravo", "Bravoword"}},
-      {refs[2], {"charlie", "Charlieword"}}};
+  std::map<std::string, std::string> name_of;  // by reference: as the dialog lists them
+  std::vector<std::string> rows;
+  for (const std::string name : {"alpha.rtf", "bravo.rtf", "charlie.txt"})
+    name_of[w_->import({w_->make_document(name, name + "word")}, "Merged").at(0)] = name;
+  for (const auto& [ref, name] : name_of) rows.push_back(ref);
   w_->remember({{"do_merge", 0}, {"how_to_save", 0}, {"saver_new_related", 1}});
   const nlohmann::json before = w_->dms({"list"});
 
   // Combine, then take the last row to the top: rows a b c become c a b.
-  auto rows = refs;  // as the dialog lists them: in ascending byte order
-  std::sort(rows.begin(), rows.end());
   x_display::answer user(
       w_->x(), "Merge items to one PDF",
       {"alt+o", "Tab", "Tab", "Tab", "Down", "Down", "alt+u", "alt+u", "Return"});
-  w_->send_command(kCreatePdf, {refs[2], refs[0], refs[1]});
+  w_->send_command(kCreatePdf, rows);
   ASSERT_TRUE(user.answered());
   ASSERT_TRUE(finished_with(before, 1))
       << "temp: " << ::testing::PrintToString(w_->temp_files()) << "\n"
@@ -64,7 +58,7 @@ TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelated
   // "combine" always saves a new document, related to it since the box is ticked.
   const auto added = added_since(before);
   const auto& [merged_ref, merged] = *added.begin();
-  EXPECT_EQ(merged.at("name"), name_and_text[rows[2]].first);
+  EXPECT_EQ(merged.at("name"), std::filesystem::path(name_of[rows[2]]).stem().string());
   EXPECT_EQ(merged.at("extension"), "pdf");
   EXPECT_EQ(merged.at("folder"), "Merged");
   EXPECT_THAT(w_->dms({"related", rows[2]}).dump(), HasSubstr("\"" + merged_ref + "\""));
@@ -72,7 +66,7 @@ TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelated
   EXPECT_EQ(std::count(pdf.begin(), pdf.end(), '\f'), 3) << "pdftotext ends each page so";
   size_t at = 0;  // the pages in the chosen order, the sources untouched
   for (const auto& ref : {rows[2], rows[0], rows[1]}) {
-    const size_t found = pdf.find(name_and_text[ref].second);
+    const size_t found = pdf.find(name_of[ref] + "word");
     EXPECT_TRUE(found != std::string::npos && found >= at) << pdf;
     at = found;
     EXPECT_EQ(w_->dms({"show", ref}).at("versions"), 1) << ref;
@@ -103,39 +97,42 @@ TEST_F(commands_e2e_test, TheEndIsToldOnceWithWhatWasStoredAndWhatWasLeftOut) {
 TEST_F(commands_e2e_test, EachFoundDocumentBecomesAPdfAndOneNotificationOpensTheirFolder) {
   // A blank and a Latin-1 letter in the names: the list holds one byte per character.
   const std::pair<std::string, std::string> documents[] = {
-      {"hotel", "Hotelword"}, {"india notes", "Indiaword"}, {"Grüße", "Juliettword"}};
-  auto refs = w_->import({w_->make_document("hotel.rtf", "Hotelword"),
-                          w_->make_document("india notes.txt", "Indiaword"),
-                          w_->make_document("Grüße.rtf", "Juliettword")});
-  ASSERT_EQ(refs.size(), 3u);
-  std::map<std::string, std::string> name_of = {
-      {refs[0], "hotel.rtf"}, {refs[1], "india notes.txt"}, {refs[2], "Grüße.rtf"}};
-  std::sort(refs.begin(), refs.end());  // the order of the list
-  w_->send_command(kConvertWithAssistant, {refs[0], refs[1], refs[2], "999999.1"});
+      {"hotel.rtf", "Hotelword"}, {"india notes.txt", "Indiaword"}, {"Grüße.rtf", "Juliettword"}};
+  std::map<std::string, std::string> name_of;  // by reference: in the order of the list
+  std::vector<std::string> refs = {"999999.1"};
+  for (const auto& [name, text] : documents) {
+    refs.push_back(w_->import({w_->make_document(name, text)}).at(0));
+    name_of[refs.back()] = name;
+  }
+  w_->send_command(kConvertWithAssistant, refs);
 
   // The assistant deletes the copies and the list once each PDF is in place.
   const auto out = w_->env().home() / "Documents" / "Tarn PDF";
+  const auto pdf_of = [&](std::filesystem::path name) {
+    return out / name.replace_extension("pdf");
+  };
   ASSERT_TRUE(eventually([&] {
     for (const auto& [name, text] : documents)
-      if (!std::filesystem::exists(out / (name + ".pdf"))) return false;
+      if (!std::filesystem::exists(pdf_of(name))) return false;
     return w_->temp_files().empty();
   })) << "temp: "
       << ::testing::PrintToString(w_->temp_files()) << "\n"
       << w_->trace();
-  for (const auto& [name, text] : documents)
-    EXPECT_THAT(pdf_text(out / (name + ".pdf")), HasSubstr(text));
+  for (const auto& [name, text] : documents) EXPECT_THAT(pdf_text(pdf_of(name)), HasSubstr(text));
 
   // dunst records each update when its script runs, in any order. Only the end offers to open
   // the folder, so the click below fails should a late update have replaced it.
   ASSERT_TRUE(shown_count(4)) << w_->trace();
   const auto seen = shown();
   auto summary = [](const std::string& text) { return Field(&shown_notification::summary, text); };
-  EXPECT_THAT(seen, UnorderedElementsAre(summary("Converting 1 of 3: " + name_of[refs[0]]),
-                                         summary("Converting 2 of 3: " + name_of[refs[1]]),
-                                         summary("Converting 3 of 3: " + name_of[refs[2]]),
-                                         AllOf(summary("Conversion done"),
-                                               Field(&shown_notification::body,
-                                                     "3 of 3 PDFs made, in " + out.string()))));
+  std::vector<::testing::Matcher<shown_notification>> expected;
+  for (const auto& [ref, name] : name_of)
+    expected.push_back(
+        summary("Converting " + std::to_string(expected.size() + 1) + " of 3: " + name));
+  expected.push_back(
+      AllOf(summary("Conversion done"),
+            Field(&shown_notification::body, "3 of 3 PDFs made, in " + out.string())));
+  EXPECT_THAT(seen, UnorderedElementsAreArray(expected));
   for (const auto& n : seen) {
     EXPECT_EQ(n.id, seen[0].id) << "updated in place";
     EXPECT_EQ(n.app, "Vantu Tarn assistant");
@@ -153,11 +150,11 @@ TEST_F(commands_e2e_test, FiftyCommandsAtOnceLeaveTheGatewayAsItWas) {
   const size_t trace_from = w_->trace().size();
 
   std::vector<std::unique_ptr<raw_http_client>> clients;
-  for (int i = 0; i < kCommands; ++i) clients.push_back(std::make_unique<raw_http_client>(kPort));
   for (int i = 0; i < kCommands; ++i)
-    ASSERT_TRUE(clients[i]->send(
-        post_request(send_command_message(i % 2 ? kConvertWithAssistant : kCreatePdf, "", "",
-                                          {"burst-" + std::to_string(i)}, 1000 + i))));
+    ASSERT_TRUE(clients.emplace_back(std::make_unique<raw_http_client>(kPort))
+                    ->send(post_request(
+                        send_command_message(i % 2 ? kConvertWithAssistant : kCreatePdf, "", "",
+                                             {"burst-" + std::to_string(i)}, 1000 + i))));
   for (int i = 0; i < kCommands; ++i)
     EXPECT_TRUE(clients[i]->read_reply().ends_with("[1,\"send_command\",2," +
                                                    std::to_string(1000 + i) + ",{}]"))

@@ -31,6 +31,7 @@ class workstation {
     write_file(file, file.extension() == ".rtf" ? "{\\rtf1 " + text + "}" : text + "\n");
     return file;
   }
+  // The references of the imported files, in their order ("" for one that failed).
   std::vector<std::string> import(const std::vector<std::filesystem::path>& files,
                                   const std::string& folder = "");
   // `tarnctl dms ARGS --json`; null on failure (and a test failure).
