@@ -27,12 +27,6 @@ class commands_e2e_test : public workstation_test {
       if (!old.count(d.at("number").get<int>())) added[d.at("ref")] = d;
     return added;
   }
-
-  // True once the task has stored `count` new documents, closed every item and deleted its PDFs.
-  bool finished_with(const nlohmann::json& before, size_t count) {
-    return eventually(
-        [&] { return added_since(before).size() == count && w_->temp_files().empty(); });
-  }
 };
 
 TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelatedDocument) {
@@ -50,8 +44,11 @@ TEST_F(commands_e2e_test, SeveralDocumentsMergedInTheChosenOrderBecomeOneRelated
       {"alt+o", "Tab", "Tab", "Tab", "Down", "Down", "alt+u", "alt+u", "Return"});
   w_->send_command(kCreatePdf, rows);
   ASSERT_TRUE(user.answered());
-  ASSERT_TRUE(finished_with(before, 1))
-      << "temp: " << ::testing::PrintToString(w_->temp_files()) << "\n"
+  // Done once the merged document is stored, every item closed and its PDFs deleted.
+  ASSERT_TRUE(eventually([&] {
+    return added_since(before).size() == 1 && w_->temp_files().empty();
+  })) << "temp: "
+      << ::testing::PrintToString(w_->temp_files()) << "\n"
       << w_->trace();
 
   // The merged PDF takes the name and folder of the first document in the chosen order, and

@@ -85,8 +85,6 @@ workstation::~workstation() {
   gateway_.reset();
   // tarnprint leaves its office running for the next document; this one is the test's.
   end_office_worker(temp());
-  notes_.reset();
-  x_.reset();
 }
 
 std::vector<std::string> workstation::import(const std::vector<fs::path>& files,
