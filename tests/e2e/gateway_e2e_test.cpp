@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <regex>
 #include <thread>
 
 #include "canned_http_server.h"
@@ -115,11 +116,10 @@ TEST_F(gateway_e2e_test, EachStopSignalEndsTheGatewayInTimeWhileClientsHang) {
 }
 
 // The value of `key=` in an ini-style file; empty when absent.
-std::string value_of(const std::string& text, const std::string& key) {
-  const size_t at = text.find("\n" + key + "=");
-  if (at == std::string::npos) return std::string();
-  const size_t begin = at + key.size() + 2;
-  return text.substr(begin, text.find('\n', begin) - begin);
+std::string value_of(const std::filesystem::path& file, const std::string& key) {
+  std::smatch value;
+  const std::string text = read_file(file);
+  return std::regex_search(text, value, std::regex("\n" + key + "=(.*)")) ? value[1].str() : "";
 }
 
 // `cmake --install` into a private prefix: the flat folder runs from there, and the systemd
@@ -131,9 +131,9 @@ TEST_F(gateway_e2e_test, InstalledFolderRunsAndTheSessionFilesNameIt) {
   ASSERT_EQ(install.exit_code, 0) << install.out << install.err;
   const auto unit = prefix / "lib/systemd/user/tarngateway.service";
   const auto entry = prefix / "etc/xdg/autostart/tarngateway.desktop";
-  const std::string gateway = value_of(read_file(unit), "ExecStart");
+  const std::string gateway = value_of(unit, "ExecStart");
   EXPECT_TRUE(gateway.starts_with(prefix.string() + "/")) << gateway;
-  EXPECT_EQ(value_of(read_file(entry), "Exec"), gateway);
+  EXPECT_EQ(value_of(entry, "Exec"), gateway);
   for (const auto& check : {std::vector<std::string>{"/usr/bin/env", "systemd-analyze", "--user",
                                                      "verify", "--man=no", unit.string()},
                             {"/usr/bin/env", "desktop-file-validate", entry.string()}}) {
