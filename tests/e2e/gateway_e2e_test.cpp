@@ -20,15 +20,26 @@ using ::testing::Not;
 using gateway_e2e_test = e2e_test;
 constexpr const char* kFlag = "Tarn_GateWay_fetatures";
 
-TEST_F(gateway_e2e_test, ServesCallsAndALogOfWhatCameWithoutForgedLines) {
+// The port is the first gateway's: a second instance gives up (main() refuses) and leaves its
+// log as it was, and it serves and logs what came. Then another program holds the port: the
+// next start ends from the event loop, with a code of its own.
+TEST_F(gateway_e2e_test, ServesAndLogsWhatCameAndAPortTakenEndsTheNextStartWithItsCode) {
   set_dword(kFlag, 4);
   auto gateway = start_listening("gateway");
+  const std::string log_before = body_of(get("/logs"));
+  gateway_process second(env_.root(), "second");
+  EXPECT_EQ(second.wait_exit(30s), std::optional<int>(3));
+  EXPECT_THAT(
+      second.error_output(),
+      HasSubstr(": TarnGateWay.exe already run, it can't serve more than one Windows user"));
+  EXPECT_THAT(second.error_output(), Not(HasSubstr("TarnGateWay started.")));
   EXPECT_EQ(call(kVersionCall), kVersionReply);
+  EXPECT_EQ(body_of(get("/logs")), log_before);
+
   // Control bytes must not forge log lines; "\/" is JSON for "/".
   EXPECT_EQ(call(R"([1,"send_command",1,7,{"1":{"i32":0},"2":{"str":"c\r\n<0>forged\u001b"},)"
                  R"("3":{"str":"Offers\/2026"},"4":{"set":["str",2,"doc-1","doc-2"]}}])"),
             R"([1,"send_command",2,7,{}])");
-
   const std::string logs = body_of(get("/logs"));
   EXPECT_THAT(logs, HasSubstr(", Vantu Tarn (version 5.0) GateWay started\n"));
   EXPECT_THAT(logs, HasSubstr(R"(send_command(CREATE_PDF, "c\r\n<0>forged\x1b", )"
@@ -36,6 +47,11 @@ TEST_F(gateway_e2e_test, ServesCallsAndALogOfWhatCameWithoutForgedLines) {
   stop(*gateway);
   EXPECT_THAT(gateway->error_output(), HasSubstr(R"("c\r\n<0>forged\x1b")"));
   EXPECT_THAT(gateway->error_output(), Not(HasSubstr("\n<0>")));
+
+  canned_http_server foreign(canned_http_server::reply("404 Not Found", "text/html", ""), kPort);
+  gateway_process refused(env_.root(), "refused");
+  EXPECT_EQ(refused.wait_exit(30s), std::optional<int>(5));
+  EXPECT_THAT(refused.error_output(), HasSubstr("tarngateway: can't listen on port 9090: "));
 }
 
 // Each gateway here also has a display whose X server is gone: it must serve all the same.
@@ -60,29 +76,6 @@ TEST_F(gateway_e2e_test, LogsPageFollowsTheFlagBitOfValueFourReadAtStart) {
     EXPECT_EQ(call(kVersionCall), kVersionReply);
     stop(*gateway);
   }
-}
-
-TEST_F(gateway_e2e_test, ASecondInstanceGivesUpWhileTheFirstGoesOn) {
-  set_dword(kFlag, 4);
-  auto first = start_listening("first");
-  const std::string log_before = body_of(get("/logs"));
-  gateway_process second(env_.root(), "second");
-  EXPECT_EQ(second.wait_exit(30s), std::optional<int>(3));
-  EXPECT_THAT(second.error_output(), HasSubstr(": TarnGateWay.exe already run, it can't serve more "
-                                               "than one Windows user, stop this instance.\n"));
-  EXPECT_THAT(second.error_output(), Not(HasSubstr("TarnGateWay started.")));
-  EXPECT_EQ(call(kVersionCall), kVersionReply);
-  EXPECT_EQ(body_of(get("/logs")), log_before);
-  stop(*first);
-}
-
-// A refusal at start leaves main() as the second instance's does; this one comes later, from
-// the event loop.
-TEST_F(gateway_e2e_test, APortTakenByAnotherProgramEndsTheProcessWithItsCodeAndSaysWhy) {
-  canned_http_server foreign(canned_http_server::reply("404 Not Found", "text/html", ""), kPort);
-  gateway_process gateway(env_.root(), "refused");
-  EXPECT_EQ(gateway.wait_exit(30s), std::optional<int>(5));
-  EXPECT_THAT(gateway.error_output(), HasSubstr("tarngateway: can't listen on port 9090: "));
 }
 
 // With the default deadlines, none of which would end them: a client that stopped halfway
