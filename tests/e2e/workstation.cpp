@@ -122,10 +122,9 @@ std::string workstation::exported(const std::string& ref) {
   return pdf_text(fs::directory_iterator(dir)->path());
 }
 
-void workstation::send_command(int cmd, const std::vector<std::string>& refs,
-                               const std::string& connection, const std::string& location) {
+void workstation::send_command(int cmd, const std::vector<std::string>& refs) {
   const int seqid = seqid_++;
-  EXPECT_EQ(call(send_command_message(cmd, connection, location, refs, seqid)),
+  EXPECT_EQ(call(send_command_message(cmd, "", "", refs, seqid)),
             "[1,\"send_command\",2," + std::to_string(seqid) + ",{}]");
 }
 

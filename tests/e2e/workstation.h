@@ -38,8 +38,7 @@ class workstation {
   nlohmann::json dms(const std::vector<std::string>& args);
   std::string exported(const std::string& ref);  // the PDF's text (pdftotext)
 
-  void send_command(int cmd, const std::vector<std::string>& refs,
-                    const std::string& connection = "", const std::string& location = "");
+  void send_command(int cmd, const std::vector<std::string>& refs);
   // Waits until the task that runs now has ended. Only when a task is known to have started
   // (its question came up): a task still waiting in the slot would drop the empty command.
   bool after_the_running_task();
