@@ -19,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "convutils/CConvRegKey.h"
 #include "platform/child_process.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
@@ -29,6 +30,7 @@ namespace tarn::test {
 using namespace std::chrono_literals;
 
 inline constexpr int kPort = 9090;
+inline constexpr const char* kGatewayKey = "Software\\Vantu\\PDF\\V1\\TarnGateWay";
 inline constexpr int kCreatePdf = 0;
 inline constexpr int kConvertWithAssistant = 1;
 
@@ -178,8 +180,15 @@ class e2e_test : public sandboxed_test {
     env_.set_env("TARN_X11_SOCKET_DIR", (env_.root() / "no-x11").string());
   }
 
-  std::unique_ptr<gateway_process> start_listening(const std::string& name) {
-    auto gateway = std::make_unique<gateway_process>(env_.root(), name);
+  static void set_dword(const char* name, DWORD value, const char* key = kGatewayKey,
+                        reg_root root = reg_root::current_user) {
+    CConvRegKey setting(root, key, name, DWORD{0});
+    ASSERT_EQ(setting.write_number(value), kErrorSuccess) << name;
+  }
+
+  std::unique_ptr<gateway_process> start_listening(const std::string& name,
+                                                   const std::string& program = "") {
+    auto gateway = std::make_unique<gateway_process>(env_.root(), name, program);
     EXPECT_TRUE(gateway->wait_listening()) << "the gateway didn't listen:\n"
                                            << gateway->error_output();
     return gateway;

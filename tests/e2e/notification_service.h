@@ -1,6 +1,6 @@
 // A real desktop notification service for the whole-process tests: a private session bus
 // (dbus-daemon) with dunst on the test's X display. dunst runs a script for every notification
-// it shows, updates included, and the test reads that record back, and dunstctl's history.
+// it shows, updates included, and the test reads that record back.
 #pragma once
 
 #include <signal.h>
@@ -12,8 +12,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "e2e_fixture.h"
 #include "platform/child_process.h"
@@ -92,22 +90,6 @@ class notification_service {
     return all;
   }
   void close_all() const { dunstctl({"close-all"}); }
-  // Closes what is on screen, then reads the last state of every notification, newest first.
-  std::vector<shown_notification> history() const {
-    close_all();
-    std::vector<shown_notification> all;
-    const program_result r = dunstctl({"history"});
-    const auto json = nlohmann::json::parse(r.out, nullptr, false);
-    if (json.is_discarded()) {
-      ADD_FAILURE() << "dunstctl history: " << r.out << r.err;
-      return all;
-    }
-    for (const auto& n : json.at("data").at(0)) {
-      all.push_back({std::to_string(n.at("id").at("data").get<int>()), n.at("appname").at("data"),
-                     n.at("summary").at("data"), n.at("body").at("data")});
-    }
-    return all;
-  }
   bool click() const { return dunstctl({"action", "0"}).exit_code == 0; }
 
  private:

@@ -156,25 +156,21 @@ class chromium_page {
 
 class panel_e2e_test : public workstation_test {};
 
-// Resolves when the element's status class is no longer "pending": its class and text.
-const char* const kSettled = R"((id) => new Promise((resolve) => {
-  const status = document.getElementById(id);
-  const settled = () => !status.classList.contains('pending') && status.textContent !== '';
-  const done = () => resolve({cls: status.className, text: status.textContent});
-  if (settled()) return done();
-  new MutationObserver(() => { if (settled()) done(); })
-      .observe(status, {attributes: true, childList: true, characterData: true, subtree: true});
-}))";
-
-std::string settled(const std::string& id) {
-  return "(" + std::string(kSettled) + ")('" + id + "')";
+// The class and text of the status element `id` once it is no longer "pending".
+nlohmann::json settled(chromium_page& page, const std::string& id) {
+  const std::string status = "document.getElementById('" + id + "')";
+  eventually([&] {
+    return page.evaluate("!" + status + ".classList.contains('pending') && " + status +
+                         ".textContent !== ''") == true;
+  });
+  return page.evaluate("({cls: " + status + ".className, text: " + status + ".textContent})");
 }
 
 TEST_F(panel_e2e_test, WithoutAGatewayBehindItThePageSaysSo) {
   chromium_page page(w_->env().root() / "chromium" / "offline",
                      "file://" + dist_program("www-data/index.html"));
   ASSERT_EQ(page.why(), "");
-  const nlohmann::json status = page.evaluate(settled("status"));
+  const nlohmann::json status = settled(page, "status");
   EXPECT_EQ(status.value("cls", ""), "status error");
   EXPECT_THAT(status.value("text", ""), HasSubstr("The gateway can't be reached"));
   EXPECT_EQ(page.evaluate("document.getElementById('version').textContent"), "unknown");
@@ -183,16 +179,14 @@ TEST_F(panel_e2e_test, WithoutAGatewayBehindItThePageSaysSo) {
 TEST_F(panel_e2e_test, ATypedCommandIsPostedAsTypedAndItsReplyShown) {
   const auto refs = w_->import({w_->make_document("november.txt", "Novemberword"),
                                 w_->make_document("oscar.txt", "Oscarword")});
-  ASSERT_EQ(refs.size(), 2u);
   // Markup, quotes, a backslash and non-ASCII: they must be sent as typed.
   const std::string location = "Präsentation <b>\"x\"</b> \\ ü";
 
   chromium_page page(w_->env().root() / "chromium" / "profile", "http://localhost:9090/");
   ASSERT_EQ(page.why(), "");
-  EXPECT_EQ(page.evaluate(settled("status")).value("cls", ""), "status ok");
+  EXPECT_EQ(settled(page, "status").value("cls", ""), "status ok");
   EXPECT_EQ(page.evaluate("document.getElementById('version').textContent"),
             "Vantu Tarn (version 5.0)");
-  EXPECT_EQ(page.evaluate("document.getElementById('logs-link').getAttribute('href')"), "/logs");
 
   ASSERT_TRUE(page.click("try-location"));
   ASSERT_TRUE(page.type(location));
@@ -203,7 +197,7 @@ TEST_F(panel_e2e_test, ATypedCommandIsPostedAsTypedAndItsReplyShown) {
   // The question comes up for the two documents: the command reached the gateway.
   x_display::answer user(w_->x(), "Merge items to one PDF", {"Escape"});
   ASSERT_TRUE(page.click("try-create-pdf"));
-  const nlohmann::json status = page.evaluate(settled("try-status"));
+  const nlohmann::json status = settled(page, "try-status");
   ASSERT_EQ(page.why(), "");
   EXPECT_EQ(status.value("cls", ""), "status ok") << status.dump();
   EXPECT_THAT(status.value("text", ""), HasSubstr("The gateway took CREATE_PDF with 2 references"));

@@ -40,8 +40,6 @@ workstation::workstation() {
   fs::create_directories(shared_tmp());
   fs::permissions(shared_tmp(), fs::perms::all | fs::perms::sticky_bit);
   env_.set_env("TMPDIR", shared_tmp().string());
-  fs::create_directory(temp());
-  fs::permissions(temp(), fs::perms::owner_all);
   x_ = std::make_unique<x_display>();
   if (!x_->started()) {
     why_ = x_->why();
@@ -87,8 +85,6 @@ workstation::~workstation() {
   gateway_.reset();
   // tarnprint leaves its office running for the next document; this one is the test's.
   end_office_worker(temp());
-  notes_.reset();
-  x_.reset();
 }
 
 std::vector<std::string> workstation::import(const std::vector<fs::path>& files,
@@ -99,6 +95,7 @@ std::vector<std::string> workstation::import(const std::vector<fs::path>& files,
   std::vector<std::string> refs;
   for (const auto& entry : dms(args)) refs.push_back(entry.at("ref").get<std::string>());
   EXPECT_EQ(refs.size(), files.size());
+  refs.resize(files.size());  // so that a test may index it all the same
   return refs;
 }
 
@@ -125,10 +122,9 @@ std::string workstation::exported(const std::string& ref) {
   return pdf_text(fs::directory_iterator(dir)->path());
 }
 
-void workstation::send_command(int cmd, const std::vector<std::string>& refs,
-                               const std::string& connection, const std::string& location) {
+void workstation::send_command(int cmd, const std::vector<std::string>& refs) {
   const int seqid = seqid_++;
-  EXPECT_EQ(call(send_command_message(cmd, connection, location, refs, seqid)),
+  EXPECT_EQ(call(send_command_message(cmd, "", "", refs, seqid)),
             "[1,\"send_command\",2," + std::to_string(seqid) + ",{}]");
 }
 
@@ -158,9 +154,11 @@ std::vector<std::string> workstation::temp_files() const {
   return files;
 }
 
-void workstation::remember(const std::string& value, uint32_t number) {
-  const program_result r = set_dword("iManage", value, number);
-  EXPECT_EQ(r.exit_code, 0) << r.err;
+void workstation::remember(const std::vector<std::pair<std::string, uint32_t>>& answers) {
+  for (const auto& [value, number] : answers) {
+    const program_result r = set_dword("iManage", value, number);
+    EXPECT_EQ(r.exit_code, 0) << value << ": " << r.err;
+  }
 }
 
 }  // namespace tarn::test

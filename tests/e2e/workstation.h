@@ -31,15 +31,14 @@ class workstation {
     write_file(file, file.extension() == ".rtf" ? "{\\rtf1 " + text + "}" : text + "\n");
     return file;
   }
+  // The references of the imported files, in their order ("" for one that failed).
   std::vector<std::string> import(const std::vector<std::filesystem::path>& files,
                                   const std::string& folder = "");
   // `tarnctl dms ARGS --json`; null on failure (and a test failure).
   nlohmann::json dms(const std::vector<std::string>& args);
-  nlohmann::json list() { return dms({"list"}); }
   std::string exported(const std::string& ref);  // the PDF's text (pdftotext)
 
-  void send_command(int cmd, const std::vector<std::string>& refs,
-                    const std::string& connection = "", const std::string& location = "");
+  void send_command(int cmd, const std::vector<std::string>& refs);
   // Waits until the task that runs now has ended. Only when a task is known to have started
   // (its question came up): a task still waiting in the slot would drop the empty command.
   bool after_the_running_task();
@@ -48,10 +47,10 @@ class workstation {
   // TMPDIR, which every user may write, and the private folder the programs make in it.
   std::filesystem::path shared_tmp() const { return env_.root() / "shared-tmp"; }
   std::filesystem::path temp() const { return shared_tmp() / ("tarn-" + std::to_string(getuid())); }
-  std::filesystem::path assistant_output() const { return env_.home() / "Documents" / "Tarn PDF"; }
   // Files below the private temporary folder but the warm office's: empty after every task.
   std::vector<std::string> temp_files() const;
-  void remember(const std::string& value, uint32_t number);
+  // The answers the merge and save questions open on: value name and number.
+  void remember(const std::vector<std::pair<std::string, uint32_t>>& answers);
 
  private:
   workstation();
