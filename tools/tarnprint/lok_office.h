@@ -32,9 +32,9 @@ class lok_office {
   bool convert(const std::filesystem::path& src, const std::filesystem::path& dst,
                const std::string& format, const std::optional<csv_layout>& csv, std::string* err);
 
-  // For tests of the time-out: from now on every document hangs once loaded, as the office
-  // does on a document it can't lay out.
-  void hang_after_load() { hang_after_load_ = true; }
+  // For tests of the time-out: from now on every document hangs, as the office does on a
+  // document it can't lay out.
+  void stall() { stall_ = true; }
 
  private:
   bool convert_csv(const std::filesystem::path& src, const std::filesystem::path& dst,
@@ -43,7 +43,7 @@ class lok_office {
   std::string last_error();
 
   lok::Office* office_ = nullptr;  // lives until the process ends; see above
-  bool hang_after_load_ = false;
+  bool stall_ = false;
 };
 
 }  // namespace tarn

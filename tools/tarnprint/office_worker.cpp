@@ -160,7 +160,7 @@ void worker::run() {
   ::setenv("SAL_USE_VCLPLUGIN", "svp", 1);
   use_utf8_file_names();
   const auto begin = clock::now();
-  if (std::getenv(kStallHook) != nullptr) office_.hang_after_load();
+  if (std::getenv(kStallHook) != nullptr) office_.stall();
   // As root, the office would create the machine's shared extension cache with this
   // process's umask and so lock every other user's office out.
   if (::geteuid() == 0 && !open_shared_extension_cache(&err)) say("%s", err.c_str());
