@@ -310,11 +310,40 @@ TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
       << "asking made a folder";
 }
 
-// A full disk, then a store that may not be written: each refuses the save and keeps what was
-// stored, and the store goes on serving it.
-TEST_F(dms_local_test, RefusedSavesKeepWhatWasStored) {
+// Writers killed before and after their commit, a full disk, then a store that may not be
+// written: none loses what was stored, and the store goes on serving it.
+TEST_F(dms_local_test, DeadWritersAndRefusedSavesLoseNothing) {
   const std::string kept(1000, 'a');
   ASSERT_EQ(save(kSaveNewDocument, input("a.txt", kept)), S_OK);
+  for (const std::string point : {"before-commit", "after-commit"}) {
+    SCOPED_TRACE(point);
+    const fs::path file = input("a.txt", "saved at " + point);
+    int stalled[2];
+    ASSERT_EQ(pipe(stalled), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      close(stalled[0]);
+      setenv("TARN_DMS_TEST_STALL", (point + ":" + std::to_string(stalled[1])).c_str(), 1);
+      std::string item;
+      test::make_connector()->SaveDocItem(kSaveNewVersion, file.string(), "", "", "", "a.txt", "1",
+                                          0, &item);
+      _exit(1);  // the hook never returns
+    }
+    close(stalled[1]);
+    char byte = 0;
+    ASSERT_EQ(read(stalled[0], &byte, 1), 1) << "the save never reached " << point;
+    close(stalled[0]);
+    kill(child, SIGKILL);
+    EXPECT_EQ(exit_status(child), 128 + SIGKILL);
+
+    auto dms = test::make_connector();
+    const bool committed = point == "after-commit";
+    EXPECT_EQ(described(*dms, "1"), committed ? "a|txt|1|2|" : "a|txt|1|1|");
+    EXPECT_EQ(content_of(*dms, "1.1"), kept);
+    EXPECT_EQ(content_of(*dms, "1.2"), committed ? "saved at after-commit" : "<none>");
+    // The next change tidies up what the dead writer left in incoming/.
+    ASSERT_EQ(save(kSaveNewRelatedDocument, input("b.pdf", "b"), "1.1", dms.get()), S_OK);
+  }
   // A child process whose files may not grow past 256 KiB finds the disk full there.
   const fs::path big = input("big.bin", std::string(1 << 20, 'b'));
   const pid_t child = fork();
@@ -340,11 +369,11 @@ TEST_F(dms_local_test, RefusedSavesKeepWhatWasStored) {
     auto dms = test::make_connector();
     EXPECT_EQ(described(*dms, "1.1"), "a|txt|1|1|");
     EXPECT_EQ(content_of(*dms, "1.1"), kept);
-    EXPECT_EQ(content_of(*dms, "2.1"), "c");
+    EXPECT_EQ(content_of(*dms, "4.1"), "c");
     for (int32_t mode : {kSaveNewDocument, kSaveNewRelatedDocument, kSaveNewVersion})
       EXPECT_EQ(save(mode, input("a.pdf", "pdf"), "1.1", dms.get()), E_ACCESSDENIED) << mode;
   }
-  expect_store_consistent(2);
+  expect_store_consistent(5);
 }
 
 TEST_F(dms_local_test, TwoProcessesSavingAtOnceGetTheirOwnNumbers) {
@@ -378,41 +407,6 @@ TEST_F(dms_local_test, TwoProcessesSavingAtOnceGetTheirOwnNumbers) {
     stored.insert(content_of(*dms_, std::to_string(number) + ".1"));
   EXPECT_EQ(stored, expected);
   expect_store_consistent(2 * kEach);
-}
-
-TEST_F(dms_local_test, KilledInTheMiddleOfASaveLosesNothing) {
-  ASSERT_EQ(save(kSaveNewDocument, input("a.txt", "version 1")), S_OK);
-  for (const std::string point : {"before-commit", "after-commit"}) {
-    SCOPED_TRACE(point);
-    const fs::path file = input("a.txt", "saved at " + point);
-    int stalled[2];
-    ASSERT_EQ(pipe(stalled), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      close(stalled[0]);
-      setenv("TARN_DMS_TEST_STALL", (point + ":" + std::to_string(stalled[1])).c_str(), 1);
-      std::string item;
-      test::make_connector()->SaveDocItem(kSaveNewVersion, file.string(), "", "", "", "a.txt", "1",
-                                          0, &item);
-      _exit(1);  // the hook never returns
-    }
-    close(stalled[1]);
-    char byte = 0;
-    ASSERT_EQ(read(stalled[0], &byte, 1), 1) << "the save never reached " << point;
-    close(stalled[0]);
-    kill(child, SIGKILL);
-    EXPECT_EQ(exit_status(child), 128 + SIGKILL);
-
-    auto dms = test::make_connector();
-    const bool committed = point == "after-commit";
-    EXPECT_EQ(described(*dms, "1"), committed ? "a|txt|1|2|" : "a|txt|1|1|");
-    EXPECT_EQ(content_of(*dms, "1.1"), "version 1");
-    EXPECT_EQ(content_of(*dms, "1.2"), committed ? "saved at after-commit" : "<none>");
-    // The next change tidies up what the dead writer left in incoming/.
-    ASSERT_EQ(save(kSaveNewRelatedDocument, input("b.pdf", "b"), "1.1", dms.get()), S_OK);
-  }
-  dms_.reset();
-  expect_store_consistent(4);
 }
 
 TEST_F(dms_local_test, EndingTheConnectorRemovesItsCopiesAndThoseOfDeadProcesses) {

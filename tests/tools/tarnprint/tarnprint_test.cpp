@@ -183,20 +183,15 @@ TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
   EXPECT_EQ(test::names_in(out_), written);  // and no temporary file beside them
 }
 
-// What a reader compares between two PDFs of one document: pages, page size and words.
-struct pdf_layout {
-  std::string pages;  // pdfinfo's "Pages:" and "Page size:" lines
-  std::multiset<std::string> words;
-  bool operator==(const pdf_layout&) const = default;
-};
-
-pdf_layout layout_of(const fs::path& pdf) {
-  pdf_layout layout;
+// What a reader compares between two PDFs of one document: pdfinfo's "Pages:" and "Page size:"
+// lines, and the words.
+std::pair<std::string, std::multiset<std::string>> layout_of(const fs::path& pdf) {
+  std::pair<std::string, std::multiset<std::string>> layout;
   std::istringstream info(run_program({"/usr/bin/pdfinfo", pdf}).out);
   for (std::string line; std::getline(info, line);)
-    if (line.starts_with("Pages:") || line.starts_with("Page size:")) layout.pages += line + "\n";
+    if (line.starts_with("Pages:") || line.starts_with("Page size:")) layout.first += line + "\n";
   std::istringstream text(test::pdf_text(pdf));
-  for (std::string word; text >> word;) layout.words.insert(word);
+  for (std::string word; text >> word;) layout.second.insert(word);
   return layout;
 }
 
@@ -220,8 +215,8 @@ TEST_F(tarnprint_test, PdfMatchesSofficeForEachFormat) {
     SCOPED_TRACE(doc.filename().string());
     const fs::path ours = out_ / (doc.stem().string() + ".pdf");
     ASSERT_EQ(tarnprint(doc, ours).exit_code, 0);
-    const pdf_layout theirs = layout_of(out_ / "soffice" / ours.filename());
-    ASSERT_FALSE(theirs.words.empty());
+    const auto theirs = layout_of(out_ / "soffice" / ours.filename());
+    ASSERT_FALSE(theirs.second.empty());
     EXPECT_EQ(layout_of(ours), theirs);
   }
 }
