@@ -80,12 +80,8 @@ TEST_F(pdf_attach_test, InsertPlacesThePagesAsAsked) {
       {"last page, after the last", {.range = "z", .after = "2"}, {"a.1", "a.2", "b.3"}},
       {"in front", {.after = "0"}, {"b.1", "b.2", "b.3", "a.1", "a.2"}},
       {"in between", {.range = "2-3", .after = "1"}, {"a.1", "b.2", "b.3", "a.2"}},
-      {"rotated, one page twice",
-       {.range = "1,1", .rotation = "90"},
-       {"a.1", "a.2", "b.1@90", "b.1@90"}},
-      {"bookmark",
-       {.after = "1", .title = "Teil B \xc3\xa4"},
-       {"a.1", "b.1#Teil B \xc3\xa4", "b.2", "b.3", "a.2"}},
+      {"rotated twice", {.range = "1,1", .rotation = "90"}, {"a.1", "a.2", "b.1@90", "b.1@90"}},
+      {"bookmark", {.after = "1", .title = "B ä"}, {"a.1", "b.1#B ä", "b.2", "b.3", "a.2"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -188,20 +188,12 @@ TEST_F(tarnassist_test, BadUsageOrListIsRefusedWithTheCause) {
     std::string err;
   } cases[] = {
       {{}, "", "LISTFILE is required\n"},
-      {{"/nonexistent/ss_1.txt"},
-       "",
-       "can't read /nonexistent/ss_1.txt: No such file or directory"},
-      {{"/nonexistent/a", "b"},
-       "",
-       "expected one list file, got 2 arguments (and no file \"/nonexistent/a b\")"},
+      {{"/no/ss_1.txt"}, "", "can't read /no/ss_1.txt: No such file or directory"},
+      {{"/no/a", "b"}, "", "expected one list file, got 2 arguments (and no file \"/no/a b\")"},
       {{list}, "Count=1\r\n", list + ": no [FILES] section"},
       {{list}, "[FILES]\r\n1=\"/a\"\r\n", list + ": no Count= line in [FILES]"},
-      {{list},
-       "[FILES]\r\nCount=2x\r\n",
-       list + ": line 2: Count must be a number from 0 to 100000, got \"2x\""},
-      {{list},
-       "[FILES]\r\nCount=1\r\n/a/b.docx\r\n",
-       list + ": line 3: expected KEY=VALUE, got \"/a/b.docx\""},
+      {{list}, "[FILES]\r\nCount=2x\r\n", list + ": line 2: Count must be a number"},
+      {{list}, "[FILES]\r\nCount=1\r\n/a\r\n", list + ": line 3: expected KEY=VALUE, got \"/a\""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.err);
