@@ -92,8 +92,6 @@ class tarnprint_test : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     env_ = std::make_unique<test::scoped_test_env>();
-    const fs::path dir = env_->root() / "in";
-    auto in = [&](const std::string& ext) { return dir / (kStem + "." + ext); };
     test::write_file(in("txt"), "Plain text Grüße 101\n");
     test::write_file(in("csv"), "Name;Amount\nWidget Grüße;102\n");
     test::write_file(in("rtf"),
