@@ -378,7 +378,7 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
 }
 
 // A DOCX whose one picture is linked from the web, not embedded.
-constexpr const char* kRemoteDocxParts[][2] = {
+const std::vector<std::pair<std::string, std::string>> kRemoteDocxParts = {
     {"[Content_Types].xml",
      R"(<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types"><Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/><Override PartName="/word/document.xml" ContentType="application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"/></Types>)"},
     {"_rels/.rels",
@@ -399,9 +399,7 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
   env_.set_env("ASAN_OPTIONS", std::string(asan ? asan : "") + ":detect_leaks=0");
   const fs::path html = env_.root() / "remote.html", docx = env_.root() / "remote.docx";
   test::write_file(html, R"(<html><body><p>Remote 201</p><img src="http://192.0.2.1/x.png">)");
-  std::vector<std::pair<std::string, std::string>> parts;
-  for (const auto& [name, text] : kRemoteDocxParts) parts.emplace_back(name, text);
-  test::write_zip(docx, parts);
+  test::write_zip(docx, kRemoteDocxParts);
   const struct {
     fs::path src;
     const char* text;
