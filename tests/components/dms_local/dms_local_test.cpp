@@ -271,8 +271,25 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
   EXPECT_NE(third.parent_path(), first.parent_path());
   EXPECT_EQ(test::read_file(first.parent_path() / "noext.pdf"), "converted");
   EXPECT_EQ(test::read_file(second), "other");
-  // A connector released with items still open takes every copy with it.
-  dms_.release()->Release();
+
+  // A new connector removes the copies of dead processes only; TermMgr removes its own
+  // connector's, and so does a release with items still open.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  exit_status(dead);
+  const fs::path abandoned = cache_dir() / (std::to_string(dead) + "-abcdef");
+  test::write_file(abandoned / "1" / "x.docx", "left behind");
+  auto other = test::make_connector();
+  EXPECT_FALSE(fs::exists(abandoned));
+  EXPECT_TRUE(fs::exists(second));
+  std::string other_item, path;
+  const fs::path other_copy = open_copy(*other, "1", &other_item);
+  EXPECT_EQ(dms_->TermMgr(), S_OK);
+  EXPECT_FALSE(fs::exists(second));
+  EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", second_item, &path)));
+  EXPECT_TRUE(fs::exists(other_copy));
+  other.release()->Release();
+  dms_.reset();
   EXPECT_EQ(test::names_in(cache_dir()), names{});
 }
 
@@ -405,28 +422,6 @@ TEST_F(dms_local_test, TwoProcessesSavingAtOnceGetTheirOwnNumbers) {
     stored.insert(content_of(*dms_, std::to_string(number) + ".1"));
   EXPECT_EQ(stored, expected);
   expect_store_consistent(2 * kEach);
-}
-
-TEST_F(dms_local_test, EndingTheConnectorRemovesItsCopiesAndThoseOfDeadProcesses) {
-  ASSERT_EQ(save(kSaveNewDocument, input("a.docx", "a")), S_OK);
-  std::string item;
-  const fs::path copy = open_copy(*dms_, "1.1", &item);
-  ASSERT_TRUE(fs::exists(copy));
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  exit_status(dead);
-  const fs::path abandoned = cache_dir() / (std::to_string(dead) + "-abcdef");
-  const fs::path alive = cache_dir() / (std::to_string(getpid()) + "-other0");
-  test::write_file(abandoned / "1" / "x.docx", "left behind");
-  test::write_file(alive / "1" / "y.docx", "in use");
-  auto other = test::make_connector();
-  EXPECT_FALSE(fs::exists(abandoned));
-  EXPECT_TRUE(fs::exists(alive));
-  EXPECT_TRUE(fs::exists(copy));
-  EXPECT_EQ(dms_->TermMgr(), S_OK);
-  EXPECT_FALSE(fs::exists(copy));
-  std::string path;
-  EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
 }
 
 }  // namespace
