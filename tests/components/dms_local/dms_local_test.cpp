@@ -210,7 +210,7 @@ TEST_F(dms_local_test, SaveModesMakeDocumentsVersionsAndLinksAndRefusalsStoreNot
 }
 
 // Damaged content fails the open, leaves no copy and keeps the document's description.
-TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
+TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseOrEndRemovesThem) {
   std::string long_name;
   for (int i = 0; i < 120; ++i) long_name += "\xC3\xA9";  // 240 bytes of "é"
   const struct {
