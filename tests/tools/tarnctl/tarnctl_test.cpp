@@ -164,24 +164,20 @@ TEST_F(tarnctl_test, SetupRegistersTheInstallFolderAndRemoveTakesOnlyThatBack) {
 }
 
 TEST_F(tarnctl_test, DmsImportsListsShowsAndExportsForPeopleAndScripts) {
-  auto dms = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), "dms");
-    return tarnctl(args);
-  };
-  auto r = dms({"list"});
+  auto r = tarnctl({"dms", "list"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out, "REF  NAME  FOLDER  VERSIONS  SIZE  CREATED\n");
 
-  r = dms({"import", input("a.docx", "a"), "--folder", "Contracts"});
+  r = tarnctl({"dms", "import", input("a.docx", "a"), "--folder", "Contracts"});
   EXPECT_EQ(r.out, "1.1\n");
   EXPECT_EQ(r.err, "");
-  ASSERT_EQ(dms({"import", input("報告.txt", std::string(1536, 'b'))}).exit_code, 0);
-  r = dms({"import", input("a.docx", "a"), "--library", "archive"});
+  ASSERT_EQ(tarnctl({"dms", "import", input("報告.txt", std::string(1536, 'b'))}).exit_code, 0);
+  r = tarnctl({"dms", "import", input("a.docx", "a"), "--library", "archive"});
   EXPECT_EQ(r.out, "archive:1.1\n");
   for (int32_t mode : {kSaveNewVersion, kSaveNewRelatedDocument})
     ASSERT_EQ(test::save_doc(*test::make_connector(), mode, input("a.pdf", "pdf a"), "1.1"), S_OK);
 
-  r = dms({"list"});
+  r = tarnctl({"dms", "list"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(
       std::regex_replace(r.out, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ"), "<time>"),
@@ -189,14 +185,15 @@ TEST_F(tarnctl_test, DmsImportsListsShowsAndExportsForPeopleAndScripts) {
       "1.2  a.pdf     Contracts  2         5 B      <time>\n"
       "2.1  報告.txt  -          1         1.5 KiB  <time>\n"
       "3.1  a.pdf     -          1         5 B      <time>\n");
-  r = dms({"related", "1.1"});
+  r = tarnctl({"dms", "related", "1.1"});
   EXPECT_EQ(r.out,
             "RELATION  REF  NAME   FOLDER\n"
             "derived   3.1  a.pdf  -\n");
 
   auto json_of = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), "dms");
     args.push_back("--json");
-    auto r = dms(args);
+    auto r = tarnctl(args);
     EXPECT_EQ(r.exit_code, 0) << r.err;
     return json::parse(r.out, nullptr, false);
   };
@@ -216,15 +213,15 @@ TEST_F(tarnctl_test, DmsImportsListsShowsAndExportsForPeopleAndScripts) {
 
   const fs::path out_dir = env_.root() / "out";
   fs::create_directories(out_dir);
-  r = dms({"export", "1.1", out_dir.string()});
+  r = tarnctl({"dms", "export", "1.1", out_dir.string()});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out, (out_dir / "a.docx").string() + "\n");
   EXPECT_EQ(test::read_file(out_dir / "a.docx"), "a");
-  EXPECT_EQ(dms({"export", "1.2", out_dir.string()}).exit_code, 0);
-  r = dms({"export", "3", out_dir.string()});
+  EXPECT_EQ(tarnctl({"dms", "export", "1.2", out_dir.string()}).exit_code, 0);
+  r = tarnctl({"dms", "export", "3", out_dir.string()});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find((out_dir / "a.pdf").string()), std::string::npos) << r.err;
-  EXPECT_EQ(dms({"export", "3", out_dir.string(), "--force"}).exit_code, 0);
+  EXPECT_EQ(tarnctl({"dms", "export", "3", out_dir.string(), "--force"}).exit_code, 0);
   EXPECT_EQ(test::names_in(out_dir), (std::set<std::string>{"a.docx", "a.pdf"}));
 }
 
