@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -65,14 +64,6 @@ inline HRESULT save_doc(IDMSHelper& dms, int32_t mode, const std::filesystem::pa
     EXPECT_EQ(dms.DocClose("", item, kCloseNormal), S_OK);
   }
   return hr;
-}
-
-// The properties of `doc_ref` as a map; empty when the connector refused.
-inline std::map<std::string, std::string> properties_of(IDMSHelper& dms, const std::string& doc_ref,
-                                                        const std::string& connection = "") {
-  const property_array* props = nullptr;
-  if (FAILED(dms.DocGetProperties(connection, "", doc_ref, &props)) || props == nullptr) return {};
-  return {props->begin(), props->end()};
 }
 
 }  // namespace tarn::test

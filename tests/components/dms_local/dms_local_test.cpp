@@ -3,8 +3,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <set>
 
 #include "components/dms_local/dms_local_plugin.h"
@@ -21,10 +23,8 @@ using names = std::set<std::string>;
 
 size_t files_below(const fs::path& dir) {
   std::error_code ec;
-  size_t count = 0;
-  for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != decltype(it)(); ++it)
-    count += it->is_regular_file();
-  return count;
+  return std::count_if(fs::recursive_directory_iterator(dir, ec), {},
+                       [](const fs::directory_entry& e) { return e.is_regular_file(); });
 }
 
 int exit_status(pid_t pid) {
@@ -35,8 +35,9 @@ int exit_status(pid_t pid) {
 
 // "name|extension|doc_number|version|folder" as the connector describes `ref`; "" if refused.
 std::string described(IDMSHelper& dms, const std::string& ref) {
-  auto props = test::properties_of(dms, ref);
-  if (props.empty()) return "";
+  const property_array* found = nullptr;
+  if (FAILED(dms.DocGetProperties("", "", ref, &found)) || found == nullptr) return "";
+  std::map<std::string, std::string> props(found->begin(), found->end());
   return props["name"] + "|" + props["extension"] + "|" + props["doc_number"] + "|" +
          props["version"] + "|" + props["folder"];
 }
@@ -102,10 +103,9 @@ class dms_local_test : public test::sandboxed_test {
     ASSERT_EQ(opened->list(std::nullopt, &docs, nullptr), store_status::ok);
     for (const auto& doc : docs) {
       ASSERT_EQ(opened->versions(doc.number, &all, nullptr), store_status::ok);
-      for (const auto& v : all) {
+      counted += all.size();
+      for (const auto& v : all)
         EXPECT_EQ(fs::file_size(opened->content_path(v)), uintmax_t(v.size)) << v.ref();
-        ++counted;
-      }
     }
     EXPECT_EQ(counted, versions);
     EXPECT_EQ(test::names_in(library_dir() / "content").size(), versions);
@@ -209,28 +209,44 @@ TEST_F(dms_local_test, SaveModesMakeDocumentsVersionsAndLinksAndRefusalsStoreNot
   EXPECT_EQ(local_store::libraries(), std::vector<std::string>{kDefaultLibrary});
 }
 
-TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
+// Damaged content fails the open, leaves no copy and keeps the document's description.
+TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseOrEndRemovesThem) {
   std::string long_name;
   for (int i = 0; i < 120; ++i) long_name += "\xC3\xA9";  // 240 bytes of "é"
   const struct {
     std::string file_name;
     std::string local_name;
+    std::function<void(const fs::path&)> damage = nullptr;
+    HRESULT hr = S_OK;
   } cases[] = {
       {"Übersicht 報告.docx", "Übersicht 報告.docx"},
       {"it's \"quoted\" & <odd>.pdf", "it's \"quoted\" & <odd>.pdf"},
       {"noext", "noext"},
       {long_name + ".docx", long_name.substr(0, 234) + ".docx"},
+      {"deleted.docx", "", [](const fs::path& p) { fs::remove(p); }, kHrFileNotFound},
+      {"truncated.docx", "", [](const fs::path& p) { fs::resize_file(p, 3); }, kHrInvalidData},
   };
   int number = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file_name);
     const std::string bytes = "content of " + c.file_name;
     ASSERT_EQ(save(kSaveNewDocument, input(c.file_name, bytes)), S_OK);
-    const std::string item = select_item(*dms_, std::to_string(++number));
+    const std::string ref = std::to_string(++number);
+    stored_version v;
+    ASSERT_EQ(store()->find(number, 1, &v, nullptr), store_status::ok);
+    if (c.damage) c.damage(store()->content_path(v));
+    const std::string item = select_item(*dms_, ref);
     std::string path = "unset";
     EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
     EXPECT_EQ(path, "");
-    ASSERT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), S_OK);
+    ASSERT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), c.hr);
+    if (FAILED(c.hr)) {
+      EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
+      EXPECT_EQ(files_below(cache_dir()), 0u);
+      EXPECT_EQ(dms_->DocClose("", item, kCloseNormal), S_OK);
+      EXPECT_NE(described(*dms_, ref), "");
+      continue;
+    }
     ASSERT_EQ(dms_->DocGetLocalFile("", item, &path), S_OK);
     EXPECT_EQ(fs::path(path).filename().string(), c.local_name);
     EXPECT_EQ(fs::path(path).parent_path().parent_path().parent_path(), cache_dir());
@@ -246,7 +262,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
   ASSERT_EQ(save(kSaveNewDocument, input("noext", "other")), S_OK);
   std::string first_item, second_item, third_item;
   const fs::path first = open_copy(*dms_, "3", &first_item);
-  const fs::path second = open_copy(*dms_, "5", &second_item);
+  const fs::path second = open_copy(*dms_, "7", &second_item);
   EXPECT_EQ(test::read_file(first), "content of noext");
   EXPECT_EQ(test::read_file(second), "other");
   test::write_file(first.parent_path() / "noext.pdf", "converted");
@@ -255,8 +271,25 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseRemovesTheCopy) {
   EXPECT_NE(third.parent_path(), first.parent_path());
   EXPECT_EQ(test::read_file(first.parent_path() / "noext.pdf"), "converted");
   EXPECT_EQ(test::read_file(second), "other");
-  // A connector released with items still open takes every copy with it.
-  dms_.release()->Release();
+
+  // A new connector removes the copies of dead processes only; TermMgr removes its own
+  // connector's, and so does a release with items still open.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  exit_status(dead);
+  const fs::path abandoned = cache_dir() / (std::to_string(dead) + "-abcdef");
+  test::write_file(abandoned / "1" / "x.docx", "left behind");
+  auto other = test::make_connector();
+  EXPECT_FALSE(fs::exists(abandoned));
+  EXPECT_TRUE(fs::exists(second));
+  std::string other_item, path;
+  const fs::path other_copy = open_copy(*other, "1", &other_item);
+  EXPECT_EQ(dms_->TermMgr(), S_OK);
+  EXPECT_FALSE(fs::exists(second));
+  EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", second_item, &path)));
+  EXPECT_TRUE(fs::exists(other_copy));
+  other.release()->Release();
+  dms_.reset();
   EXPECT_EQ(test::names_in(cache_dir()), names{});
 }
 
@@ -292,55 +325,41 @@ TEST_F(dms_local_test, UnknownOrMalformedReferencesAreNoDocument) {
       << "asking made a folder";
 }
 
-TEST_F(dms_local_test, DamagedContentFailsTheOpenAndLeavesNoCopy) {
-  const struct {
-    const char* what;
-    std::function<void(const fs::path&)> damage;
-    HRESULT hr;
-  } cases[] = {
-      {"deleted", [](const fs::path& p) { fs::remove(p); }, kHrFileNotFound},
-      {"truncated", [](const fs::path& p) { fs::resize_file(p, 3); }, kHrInvalidData},
-  };
-  int number = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    ASSERT_EQ(save(kSaveNewDocument, input("a.docx", "0123456789")), S_OK);
-    stored_version v;
-    ASSERT_EQ(store()->find(++number, 1, &v, nullptr), store_status::ok);
-    c.damage(store()->content_path(v));
-    EXPECT_EQ(described(*dms_, v.ref()), "a|docx|" + std::to_string(number) + "|1|");
-    const std::string item = select_item(*dms_, v.ref());
-    EXPECT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), c.hr);
-    std::string path;
-    EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
-    EXPECT_EQ(files_below(cache_dir()), 0u);
-    EXPECT_EQ(dms_->DocClose("", item, kCloseNormal), S_OK);
-  }
-}
-
-TEST_F(dms_local_test, ReadOnlyStoreServesDocumentsAndRefusesChanges) {
-  ASSERT_EQ(save(kSaveNewDocument, input("a.docx", "kept")), S_OK);
-  dms_.reset();
-  for (const auto& dir : {library_dir() / "content", library_dir() / "incoming", library_dir()}) {
-    for (const auto& entry : fs::directory_iterator(dir))
-      if (entry.is_regular_file()) fs::permissions(entry.path(), fs::perms::owner_read);
-    fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
-  }
-  {
-    ASSERT_FALSE(std::ofstream(library_dir() / "probe")) << "file modes are not honoured (root?)";
-    auto dms = test::make_connector();
-    EXPECT_EQ(described(*dms, "1.1"), "a|docx|1|1|");
-    EXPECT_EQ(content_of(*dms, "1.1"), "kept");
-    for (int32_t mode : {kSaveNewDocument, kSaveNewRelatedDocument, kSaveNewVersion})
-      EXPECT_EQ(save(mode, input("a.pdf", "pdf"), "1.1", dms.get()), E_ACCESSDENIED) << mode;
-  }
-  expect_store_consistent(1);
-}
-
-// A child process whose files may not grow past 256 KiB finds the disk full there.
-TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
+// Writers killed before and after their commit, a full disk, then a store that may not be
+// written: none loses what was stored, and the store goes on serving it.
+TEST_F(dms_local_test, DeadWritersAndRefusedSavesLoseNothing) {
   const std::string kept(1000, 'a');
   ASSERT_EQ(save(kSaveNewDocument, input("a.txt", kept)), S_OK);
+  for (const std::string point : {"before-commit", "after-commit"}) {
+    SCOPED_TRACE(point);
+    const fs::path file = input("a.txt", "saved at " + point);
+    int stalled[2];
+    ASSERT_EQ(pipe(stalled), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      close(stalled[0]);
+      setenv("TARN_DMS_TEST_STALL", (point + ":" + std::to_string(stalled[1])).c_str(), 1);
+      std::string item;
+      test::make_connector()->SaveDocItem(kSaveNewVersion, file.string(), "", "", "", "a.txt", "1",
+                                          0, &item);
+      _exit(1);  // the hook never returns
+    }
+    close(stalled[1]);
+    char byte = 0;
+    ASSERT_EQ(read(stalled[0], &byte, 1), 1) << "the save never reached " << point;
+    close(stalled[0]);
+    kill(child, SIGKILL);
+    EXPECT_EQ(exit_status(child), 128 + SIGKILL);
+
+    auto dms = test::make_connector();
+    const bool committed = point == "after-commit";
+    EXPECT_EQ(described(*dms, "1"), committed ? "a|txt|1|2|" : "a|txt|1|1|");
+    EXPECT_EQ(content_of(*dms, "1.1"), kept);
+    EXPECT_EQ(content_of(*dms, "1.2"), committed ? "saved at after-commit" : "<none>");
+    // The next change tidies up what the dead writer left in incoming/.
+    ASSERT_EQ(save(kSaveNewRelatedDocument, input("b.pdf", "b"), "1.1", dms.get()), S_OK);
+  }
+  // A child process whose files may not grow past 256 KiB finds the disk full there.
   const fs::path big = input("big.bin", std::string(1 << 20, 'b'));
   const pid_t child = fork();
   if (child == 0) {
@@ -353,10 +372,23 @@ TEST_F(dms_local_test, FullDiskFailsTheSaveAndKeepsWhatWasStored) {
   }
   EXPECT_EQ(exit_status(child), 0);
   ASSERT_EQ(save(kSaveNewDocument, input("c.txt", "c")), S_OK);
-  EXPECT_EQ(content_of(*dms_, "2.1"), "c");
-  EXPECT_EQ(content_of(*dms_, "1.1"), kept);
   dms_.reset();
-  expect_store_consistent(2);
+
+  for (const auto& dir : {library_dir() / "content", library_dir() / "incoming", library_dir()}) {
+    for (const auto& entry : fs::directory_iterator(dir))
+      if (entry.is_regular_file()) fs::permissions(entry.path(), fs::perms::owner_read);
+    fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
+  }
+  {
+    ASSERT_FALSE(std::ofstream(library_dir() / "probe")) << "file modes are not honoured (root?)";
+    auto dms = test::make_connector();
+    EXPECT_EQ(described(*dms, "1.1"), "a|txt|1|1|");
+    EXPECT_EQ(content_of(*dms, "1.1"), kept);
+    EXPECT_EQ(content_of(*dms, "4.1"), "c");
+    for (int32_t mode : {kSaveNewDocument, kSaveNewRelatedDocument, kSaveNewVersion})
+      EXPECT_EQ(save(mode, input("a.pdf", "pdf"), "1.1", dms.get()), E_ACCESSDENIED) << mode;
+  }
+  expect_store_consistent(5);
 }
 
 TEST_F(dms_local_test, TwoProcessesSavingAtOnceGetTheirOwnNumbers) {
@@ -390,63 +422,6 @@ TEST_F(dms_local_test, TwoProcessesSavingAtOnceGetTheirOwnNumbers) {
     stored.insert(content_of(*dms_, std::to_string(number) + ".1"));
   EXPECT_EQ(stored, expected);
   expect_store_consistent(2 * kEach);
-}
-
-TEST_F(dms_local_test, KilledInTheMiddleOfASaveLosesNothing) {
-  ASSERT_EQ(save(kSaveNewDocument, input("a.txt", "version 1")), S_OK);
-  for (const std::string point : {"before-commit", "after-commit"}) {
-    SCOPED_TRACE(point);
-    const fs::path file = input("a.txt", "saved at " + point);
-    int stalled[2];
-    ASSERT_EQ(pipe(stalled), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      close(stalled[0]);
-      setenv("TARN_DMS_TEST_STALL", (point + ":" + std::to_string(stalled[1])).c_str(), 1);
-      std::string item;
-      test::make_connector()->SaveDocItem(kSaveNewVersion, file.string(), "", "", "", "a.txt", "1",
-                                          0, &item);
-      _exit(1);  // the hook never returns
-    }
-    close(stalled[1]);
-    char byte = 0;
-    ASSERT_EQ(read(stalled[0], &byte, 1), 1) << "the save never reached " << point;
-    close(stalled[0]);
-    kill(child, SIGKILL);
-    EXPECT_EQ(exit_status(child), 128 + SIGKILL);
-
-    auto dms = test::make_connector();
-    const bool committed = point == "after-commit";
-    EXPECT_EQ(described(*dms, "1"), committed ? "a|txt|1|2|" : "a|txt|1|1|");
-    EXPECT_EQ(content_of(*dms, "1.1"), "version 1");
-    EXPECT_EQ(content_of(*dms, "1.2"), committed ? "saved at after-commit" : "<none>");
-    // The next change tidies up what the dead writer left in incoming/.
-    ASSERT_EQ(save(kSaveNewRelatedDocument, input("b.pdf", "b"), "1.1", dms.get()), S_OK);
-  }
-  dms_.reset();
-  expect_store_consistent(4);
-}
-
-TEST_F(dms_local_test, EndingTheConnectorRemovesItsCopiesAndThoseOfDeadProcesses) {
-  ASSERT_EQ(save(kSaveNewDocument, input("a.docx", "a")), S_OK);
-  std::string item;
-  const fs::path copy = open_copy(*dms_, "1.1", &item);
-  ASSERT_TRUE(fs::exists(copy));
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  exit_status(dead);
-  const fs::path abandoned = cache_dir() / (std::to_string(dead) + "-abcdef");
-  const fs::path alive = cache_dir() / (std::to_string(getpid()) + "-other0");
-  test::write_file(abandoned / "1" / "x.docx", "left behind");
-  test::write_file(alive / "1" / "y.docx", "in use");
-  auto other = test::make_connector();
-  EXPECT_FALSE(fs::exists(abandoned));
-  EXPECT_TRUE(fs::exists(alive));
-  EXPECT_TRUE(fs::exists(copy));
-  EXPECT_EQ(dms_->TermMgr(), S_OK);
-  EXPECT_FALSE(fs::exists(copy));
-  std::string path;
-  EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
 }
 
 }  // namespace

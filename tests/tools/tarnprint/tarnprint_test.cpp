@@ -45,12 +45,6 @@ size_t pdf_images(const fs::path& pdf) {
   return lines > 2 ? static_cast<size_t>(lines - 2) : 0;  // two header lines
 }
 
-office_settings test_settings() {
-  office_settings settings = read_office_settings();
-  settings.worker_program = test::dist_program("tarnoffice");
-  return settings;
-}
-
 fs::path runtime_dir() {
   std::string err;
   auto paths = office_runtime(&err);
@@ -85,8 +79,7 @@ void set_print_setting(const char* name, DWORD value) {
 
 void write_png(const fs::path& path) {
   QImage image(160, 90, QImage::Format_RGB32);
-  for (int y = 0; y < image.height(); ++y)
-    for (int x = 0; x < image.width(); ++x) image.setPixel(x, y, qRgb(x, y * 2, 128));
+  image.fill(qRgb(40, 80, 128));
   ASSERT_TRUE(image.save(QString::fromStdString(path.string()), "PNG")) << path;
 }
 
@@ -99,8 +92,6 @@ class tarnprint_test : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     env_ = std::make_unique<test::scoped_test_env>();
-    const fs::path dir = env_->root() / "in";
-    auto in = [&](const std::string& ext) { return dir / (kStem + "." + ext); };
     test::write_file(in("txt"), "Plain text Grüße 101\n");
     test::write_file(in("csv"), "Name;Amount\nWidget Grüße;102\n");
     test::write_file(in("rtf"),
@@ -115,9 +106,11 @@ class tarnprint_test : public ::testing::Test {
     ::close(marker);
     ASSERT_EQ(r.exit_code, 0) << r.err;
 
+    office_settings settings = read_office_settings();
+    settings.worker_program = test::dist_program("tarnoffice");
     for (const char* format : {"docx", "pdf"}) {
       const auto outcome =
-          convert_with_office({in("fodt"), in(format), format, std::nullopt}, test_settings());
+          convert_with_office({in("fodt"), in(format), format, std::nullopt}, settings);
       ASSERT_EQ(outcome.status, office_status::ok) << format << ": " << outcome.message;
     }
     write_png(in("png"));
@@ -188,20 +181,15 @@ TEST_F(tarnprint_test, EveryKindBecomesACheckedPdfHoldingItsText) {
   EXPECT_EQ(test::names_in(out_), written);  // and no temporary file beside them
 }
 
-// What a reader compares between two PDFs of one document: pages, page size and words.
-struct pdf_layout {
-  std::string pages;  // pdfinfo's "Pages:" and "Page size:" lines
-  std::multiset<std::string> words;
-  bool operator==(const pdf_layout&) const = default;
-};
-
-pdf_layout layout_of(const fs::path& pdf) {
-  pdf_layout layout;
+// What a reader compares between two PDFs of one document: pdfinfo's "Pages:" and "Page size:"
+// lines, and the words.
+std::pair<std::string, std::multiset<std::string>> layout_of(const fs::path& pdf) {
+  std::pair<std::string, std::multiset<std::string>> layout;
   std::istringstream info(run_program({"/usr/bin/pdfinfo", pdf}).out);
   for (std::string line; std::getline(info, line);)
-    if (line.starts_with("Pages:") || line.starts_with("Page size:")) layout.pages += line + "\n";
+    if (line.starts_with("Pages:") || line.starts_with("Page size:")) layout.first += line + "\n";
   std::istringstream text(test::pdf_text(pdf));
-  for (std::string word; text >> word;) layout.words.insert(word);
+  for (std::string word; text >> word;) layout.second.insert(word);
   return layout;
 }
 
@@ -225,84 +213,65 @@ TEST_F(tarnprint_test, PdfMatchesSofficeForEachFormat) {
     SCOPED_TRACE(doc.filename().string());
     const fs::path ours = out_ / (doc.stem().string() + ".pdf");
     ASSERT_EQ(tarnprint(doc, ours).exit_code, 0);
-    const pdf_layout theirs = layout_of(out_ / "soffice" / ours.filename());
-    ASSERT_FALSE(theirs.words.empty());
+    const auto theirs = layout_of(out_ / "soffice" / ours.filename());
+    ASSERT_FALSE(theirs.second.empty());
     EXPECT_EQ(layout_of(ours), theirs);
   }
 }
 
-TEST_F(tarnprint_test, BadSourcesFailCleanly) {
+// Exit code 1 names the source, 3 the target, 2 the mistake in the command line.
+TEST_F(tarnprint_test, FailuresNameTheirCulpritAndWriteNothing) {
   const fs::path dir = out_.parent_path() / "bad sources";
   fs::create_directories(dir);
   std::string docx = test::read_file(in("docx"));
   test::write_file(dir / "cut \"short\".docx", docx.substr(0, docx.size() / 2));
   test::write_file(dir / "empty.docx", "");
-  std::string noise(4096, '\0');
-  for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 7919 + 13) % 251);
-  test::write_file(dir / "noise.docx", noise);
+  test::write_file(dir / "noise.docx", std::string(4096, '\x01'));
   test::write_file(dir / "broken.pdf", "%PDF-1.4\n1 0 obj <</Type /Catalog\nno end\n");
   test::write_file(dir / "caf\xE9 latin-1.txt", "Text whose name isn't UTF-8\n");
   ASSERT_EQ(run_program({"/usr/bin/qpdf", "--encrypt", "user-pw", "owner-pw", "256", "--",
                          in("pdf"), dir / "locked.pdf"})
                 .exit_code,
             0);
-  const struct {
-    fs::path src;
-    const char* reason;
-  } cases[] = {
-      {dir / "cut \"short\".docx", "the office can't read it"},
-      {dir / "empty.docx", "is empty"},
-      {dir / "noise.docx", "is not a PDF, an office document, an image or text"},
-      {dir / "broken.pdf", "is damaged"},
-      {dir / "locked.pdf", "protected by a password"},
-      {dir / "missing.odt", "No such file or directory"},
-      {dir / "caf\xE9 latin-1.txt", "only UTF-8 file names"},
-      {dir, "not a file"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.src.filename().string());
-    const auto r = tarnprint(c.src, out_ / "result.pdf");
-    expect_clean_failure(r, 1, "\"" + c.src.string() + "\"", c.reason, out_);
-  }
-}
-
-TEST_F(tarnprint_test, UnwritableTargetsFailCleanly) {
   const fs::path locked = out_.parent_path() / "read-only folder";
   fs::create_directories(locked);
   fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
-  const std::pair<fs::path, std::string> cases[] = {
-      {"/sys/tarnprint-test.pdf", "can't write"},
-      {out_ / "no such folder" / "x.pdf", "No such file or directory"},
-      {out_, "is a folder"},
-      {locked / "x.pdf", "Permission denied"},
-  };
-  for (const auto& [dst, reason] : cases) {
-    SCOPED_TRACE(dst.string());
-    const auto r = tarnprint(in("txt"), dst);
-    expect_clean_failure(r, 3, "\"" + dst.string() + "\"", reason, out_);
-  }
-  EXPECT_EQ(test::names_in(locked), std::set<std::string>{});
-}
-
-TEST_F(tarnprint_test, CommandLineMistakesAreNamed) {
   const std::string src = in("txt"), dst = out_ / "x.pdf";
   const struct {
-    std::vector<std::string> args;
-    const char* culprit;
+    std::vector<std::string> args;  // after tarnprint /p, unless exit_code is 2
+    int exit_code;
+    std::string says;  // besides the quoted source or target; for 2 besides the usage
   } cases[] = {
-      {{"/p", src}, "SOURCE and TARGET"},
-      {{src, dst, "/noviewpdf"}, "/p is missing"},
-      {{"/m", src, dst, "/noviewpdf"}, "/m is not supported"},
-      {{"/p", src, dst, "/viewpdf"}, "/viewpdf is not supported"},
-      {{"/p", src, dst, "/noviewpdf", "/x"}, "unexpected argument \"/x\""},
+      {{dir / "cut \"short\".docx", dst}, 1, "the office can't read it"},
+      {{dir / "empty.docx", dst}, 1, "is empty"},
+      {{dir / "noise.docx", dst}, 1, "is not a PDF, an office document, an image or text"},
+      {{dir / "broken.pdf", dst}, 1, "is damaged"},
+      {{dir / "locked.pdf", dst}, 1, "protected by a password"},
+      {{dir / "missing.odt", dst}, 1, "No such file or directory"},
+      {{dir / "caf\xE9 latin-1.txt", dst}, 1, "only UTF-8 file names"},
+      {{dir, dst}, 1, "not a file"},
+      {{src, "/sys/tarnprint-test.pdf"}, 3, "can't write"},
+      {{src, out_ / "no such folder" / "x.pdf"}, 3, "No such file or directory"},
+      {{src, out_}, 3, "is a folder"},
+      {{src, locked / "x.pdf"}, 3, "Permission denied"},
+      {{"/p", src}, 2, "SOURCE and TARGET"},
+      {{src, dst, "/noviewpdf"}, 2, "/p is missing"},
+      {{"/m", src, dst, "/noviewpdf"}, 2, "/m is not supported"},
+      {{"/p", src, dst, "/viewpdf"}, 2, "/viewpdf is not supported"},
+      {{"/p", src, dst, "/noviewpdf", "/x"}, 2, "unexpected argument \"/x\""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.culprit);
+    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
     std::vector<std::string> args = c.args;
-    args.insert(args.begin(), test::dist_program("tarnprint"));
-    expect_clean_failure(run_program(args), 2, c.culprit, "usage: tarnprint /p SOURCE TARGET",
-                         out_);
+    if (c.exit_code == 2) {
+      args.insert(args.begin(), test::dist_program("tarnprint"));
+      expect_clean_failure(run_program(args), 2, c.says, "usage: tarnprint /p SOURCE TARGET", out_);
+      continue;
+    }
+    const std::string culprit = "\"" + args[c.exit_code == 1 ? 0 : 1] + "\"";
+    expect_clean_failure(tarnprint(args[0], args[1]), c.exit_code, culprit, c.says, out_);
   }
+  EXPECT_EQ(test::names_in(locked), std::set<std::string>{});
   // Switches ignore case, as the callers' platform does.
   EXPECT_EQ(run_program({test::dist_program("tarnprint"), "/P", src, dst, "/NOVIEWPDF"}).exit_code,
             0);
@@ -409,7 +378,7 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
 }
 
 // A DOCX whose one picture is linked from the web, not embedded.
-constexpr const char* kRemoteDocxParts[][2] = {
+const std::vector<std::pair<std::string, std::string>> kRemoteDocxParts = {
     {"[Content_Types].xml",
      R"(<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types"><Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/><Override PartName="/word/document.xml" ContentType="application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"/></Types>)"},
     {"_rels/.rels",
@@ -430,9 +399,7 @@ TEST_F(office_lifecycle_test, RemoteContentIsNeverFetched) {
   env_.set_env("ASAN_OPTIONS", std::string(asan ? asan : "") + ":detect_leaks=0");
   const fs::path html = env_.root() / "remote.html", docx = env_.root() / "remote.docx";
   test::write_file(html, R"(<html><body><p>Remote 201</p><img src="http://192.0.2.1/x.png">)");
-  std::vector<std::pair<std::string, std::string>> parts;
-  for (const auto& [name, text] : kRemoteDocxParts) parts.emplace_back(name, text);
-  test::write_zip(docx, parts);
+  test::write_zip(docx, kRemoteDocxParts);
   const struct {
     fs::path src;
     const char* text;
