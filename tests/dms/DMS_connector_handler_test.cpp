@@ -1,5 +1,6 @@
 #include "dms/DMS_connector_handler.h"
 
+#include "dms/com_text.h"
 #include "dms/fault_connector/fault_connector_probe.h"
 #include "dms/log_lines.h"
 #include "support/register_component.h"
@@ -164,6 +165,12 @@ TEST_F(DMS_connector_handler_test, EmptyIdsAndMissingFilesNeverReachTheConnector
                                 too_long + "\": File name too long\n"),
             std::string::npos)
       << log_->render();
+}
+
+// The known codes and the ids show in the log lines above.
+TEST(com_text_test, UnknownResultCodesReadAsTheirNumber) {
+  EXPECT_EQ(hresult_text(static_cast<HRESULT>(0x80041234u)), "0x80041234 (unknown error)");
+  EXPECT_EQ(hresult_text(2), "0x2 (unknown error)");
 }
 
 }  // namespace
