@@ -47,7 +47,6 @@ class DMS_connector_handler_test : public test::sandboxed_test {
   std::shared_ptr<simple_log> log_ = std::make_shared<simple_log>("start");
 };
 
-constexpr const char* kCreated = "::DMS_connector_handler\n";
 constexpr const char* kInitFailed =
     "::init\n"
     "ERROR: DMS_connector_handler::init() -> 0x8007000e (Not enough memory resources are "
@@ -136,7 +135,7 @@ TEST_F(DMS_connector_handler_test, EveryFailureGivesTheEmptyResultAndItsLogLines
     std::string texts;
     for (const auto& line : test::log_lines(*log)) texts += line.substr(6) + "\n";  // "[...] "
     if (*c.faults == '\0') {
-      EXPECT_EQ(texts, expand(kCreated + c.lines + kClosing));
+      EXPECT_EQ(texts, expand("::DMS_connector_handler\n" + c.lines + kClosing));
       EXPECT_EQ(connector_.calls(), expand(kCalls));
     } else {
       EXPECT_NE(texts.find(expand(c.lines)), std::string::npos) << texts;
