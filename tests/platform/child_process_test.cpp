@@ -17,9 +17,11 @@
 namespace tarn {
 namespace test {
 
+// Signals 32 and 33, which the C library keeps for itself, in a mask of /proc/PID/status.
+constexpr unsigned long long kLibcSignals = 0x180000000ull;
+
 // Writes what this probe child inherited to argv[2]: descriptors above 2, blocked and ignored
-// signals (through the C library, which hides the two it keeps for itself), standard input,
-// its arguments, then parent, session and nice value.
+// signals, standard input, its arguments, then parent, session and nice value.
 int run_probe(int argc, char** argv) {
   std::ostringstream report;
   report << "fds=";
@@ -27,17 +29,12 @@ int run_probe(int argc, char** argv) {
   while (dirent* entry = readdir(dir))
     if (int fd = std::atoi(entry->d_name); fd > 2 && fd != dirfd(dir)) report << fd << " ";
   closedir(dir);
-  sigset_t mask;
-  sigprocmask(SIG_SETMASK, nullptr, &mask);
-  std::string blocked, ignored;
-  for (int sig = 1; sig < SIGRTMAX; ++sig) {
-    struct sigaction action;
-    if (sigismember(&mask, sig) == 1) blocked += std::to_string(sig) + " ";
-    if (sigaction(sig, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
-      ignored += std::to_string(sig) + " ";
-  }
-  report << "\nblocked=" << blocked << "\nignored=" << ignored
-         << "\nstdin=" << std::filesystem::read_symlink("/proc/self/fd/0").string();
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("SigBlk:") || line.starts_with("SigIgn:"))
+      report << "\n"
+             << line.substr(0, 7) << (std::stoull(line.substr(8), nullptr, 16) & ~kLibcSignals);
+  report << "\nstdin=" << std::filesystem::read_symlink("/proc/self/fd/0").string();
   for (int i = 3; i < argc; ++i) report << "\narg=" << argv[i];
   report << "\n--\nppid=" << getppid() << " leader=" << (getsid(0) == getpid())
          << " nice=" << getpriority(PRIO_PROCESS, 0);
@@ -57,7 +54,7 @@ std::pair<std::string, std::string> read_report(const std::filesystem::path& fil
 }
 
 std::string clean_report(const std::vector<std::string>& args) {
-  std::string text = "fds=\nblocked=\nignored=\nstdin=/dev/null";
+  std::string text = "fds=\nSigBlk:0\nSigIgn:0\nstdin=/dev/null";
   for (const auto& arg : args) text += "\narg=" + arg;
   return text;
 }
@@ -132,6 +129,23 @@ TEST_F(child_process_test, DetachedProgramIsNobodysZombieAndInheritsNothing) {
 
   EXPECT_FALSE(spawn_detached({"/nonexistent/tarnassist"}, {}, &err));
   EXPECT_EQ(err, "can't start /nonexistent/tarnassist: No such file or directory");
+}
+
+TEST(process_launch_test, SplitsLikeTheStartedProgramsRuntime) {
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {"  \t ", {}},
+      {R"("a b c" d e)", {"a b c", "d", "e"}},
+      {R"("ab\"c" "\\" d)", {"ab\"c", "\\", "d"}},
+      {R"(a\\\b d"e f"g h)", {"a\\\\\\b", "de fg", "h"}},
+      {R"(a\\\"b c d)", {"a\\\"b", "c", "d"}},
+      {R"(a\\\\"b c" d e)", {"a\\\\b c", "d", "e"}},
+      {R"(a"b"" c d)", {"ab\" c d"}},
+      {R"(x "" "unclosed runs to the end)", {"x", "", "unclosed runs to the end"}},
+      {"\"Grüße/日本.docx\"", {"Grüße/日本.docx"}},
+  };
+  for (const auto& [line, args] : cases) EXPECT_EQ(split_command_line(line), args) << line;
+  // An ordinary path only gains its quotes, as the helper's command line always had them.
+  EXPECT_EQ(quote_argument("/home/u/My Docs/a b.docx"), "\"/home/u/My Docs/a b.docx\"");
 }
 
 }  // namespace

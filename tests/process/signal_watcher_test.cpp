@@ -44,11 +44,10 @@ TEST(signal_watcher_test, EachSignalReachesTheMainThreadFromAnyThread) {
               std::vector<int>{signo});
   }
   SCOPED_TRACE("three before the loop runs");
-  EXPECT_EQ(collect(3,
-                    [] {
-                      for (int signo : kSignals) raise(signo);
-                    }),
-            std::vector<int>(std::begin(kSignals), std::end(kSignals)));
+  const auto raise_all = [] {
+    for (int signo : kSignals) raise(signo);
+  };
+  EXPECT_EQ(collect(3, raise_all), std::vector<int>(std::begin(kSignals), std::end(kSignals)));
 }
 
 TEST(signal_watcher_test, DefaultActionsComeBackWithTheWatcher) {

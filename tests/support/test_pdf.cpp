@@ -6,6 +6,7 @@
 #include <qpdf/QPDFPageDocumentHelper.hh>
 #include <qpdf/QPDFPageObjectHelper.hh>
 #include <qpdf/QPDFWriter.hh>
+#include <regex>
 
 namespace tarn::test {
 
@@ -38,12 +39,10 @@ std::vector<std::string> pdf_page_labels(const std::filesystem::path& path) {
       Pl_Buffer buffer("contents");
       page.pipeContents(&buffer);
       auto bytes = buffer.getBufferSharedPointer();
-      std::string text(reinterpret_cast<const char*>(bytes->getBuffer()), bytes->getSize());
-      const auto open = text.find('(');
-      const auto close = text.find(')', open);
-      labels.push_back(open == std::string::npos || close == std::string::npos
-                           ? std::string("?")
-                           : text.substr(open + 1, close - open - 1));
+      const std::string text(reinterpret_cast<const char*>(bytes->getBuffer()), bytes->getSize());
+      std::smatch label;
+      labels.push_back(std::regex_search(text, label, std::regex(R"(\((.*?)\))")) ? label.str(1)
+                                                                                  : "?");
     }
   } catch (const std::exception&) {
     labels.clear();

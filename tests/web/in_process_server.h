@@ -1,7 +1,7 @@
 // A Thrift TThreadedServer for tests and benchmarks: the gateway's service on 127.0.0.1, on a
-// port of the system's choosing, with whatever transport factory the caller gives. Serving
-// starts in the constructor (which returns once the socket listens) and ends in the
-// destructor, which joins the server thread.
+// port of the system's choosing, with whatever transport factory the caller gives. The
+// constructor returns once the socket listens (or throws why it can't); the destructor ends
+// serving and joins the server thread.
 #pragma once
 
 #include <thrift/concurrency/ThreadFactory.h>
@@ -9,9 +9,6 @@
 #include <thrift/server/TThreadedServer.h>
 #include <thrift/transport/TServerSocket.h>
 
-#include <atomic>
-#include <exception>
-#include <future>
 #include <memory>
 #include <thread>
 
@@ -24,22 +21,13 @@ class in_process_server {
   in_process_server(std::shared_ptr<apache::thrift::transport::TTransportFactory> transports,
                     std::shared_ptr<TarnWwySrv::TarnGateWayIf> handler) {
     using namespace apache::thrift;
-    socket_ = std::make_shared<transport::TServerSocket>("127.0.0.1", 0);
+    socket_ = std::make_shared<listening_socket>("127.0.0.1", 0);
+    socket_->listen();
     server_ = std::make_shared<server::TThreadedServer>(
         std::make_shared<TarnWwySrv::TarnGateWayProcessor>(std::move(handler)), socket_, transports,
         std::make_shared<protocol::TJSONProtocolFactory>(),
         std::make_shared<concurrency::ThreadFactory>(false));
-    auto listening = std::make_shared<ready_event>();
-    std::future<void> ready = listening->promise.get_future();
-    server_->setServerEventHandler(listening);
-    thread_ = std::thread([this, listening] {
-      try {
-        server_->serve();
-      } catch (...) {
-        listening->fail(std::current_exception());
-      }
-    });
-    ready.get();
+    thread_ = std::thread([this] { server_->serve(); });
   }
   ~in_process_server() {
     server_->stop();
@@ -51,18 +39,17 @@ class in_process_server {
   int port() const { return socket_->getPort(); }
 
  private:
-  struct ready_event : apache::thrift::server::TServerEventHandler {
-    void preServe() override {
-      if (!done.exchange(true)) promise.set_value();
+  // Listens once, in the constructor: the server's own call to listen() finds it done.
+  struct listening_socket : apache::thrift::transport::TServerSocket {
+    using TServerSocket::TServerSocket;
+    void listen() override {
+      if (!listening_) TServerSocket::listen();
+      listening_ = true;
     }
-    void fail(std::exception_ptr error) {
-      if (!done.exchange(true)) promise.set_exception(error);
-    }
-    std::atomic<bool> done{false};
-    std::promise<void> promise;
+    bool listening_ = false;
   };
 
-  std::shared_ptr<apache::thrift::transport::TServerSocket> socket_;
+  std::shared_ptr<listening_socket> socket_;
   std::shared_ptr<apache::thrift::server::TThreadedServer> server_;
   std::thread thread_;
 };

@@ -59,12 +59,6 @@ class raw_http_client {
     return take(size);
   }
 
-  // True when a byte of a reply (or the close) is already there; never waits.
-  bool has_data() {
-    pollfd p{fd_.get(), POLLIN, 0};
-    return !pending_.empty() || ::poll(&p, 1, 0) > 0;
-  }
-
   // True when the server closes the connection without sending anything more.
   bool closed_by_server() { return read_to_close().empty(); }
 

@@ -61,29 +61,21 @@ std::string mask_dates(const std::string& reply) {
 }
 
 // What Thrift's connection loop reports when it ends a connection.
-struct global_output {
-  global_output() {
-    take();
-    apache::thrift::GlobalOutput.setOutputFunction(&record);
-  }
-  ~global_output() {
-    apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
-  }
-  static Lines take() {
-    std::lock_guard lock(mu_);
-    return std::exchange(lines_, {});
-  }
-  static void record(const char* line) {
-    std::lock_guard lock(mu_);
-    lines_.push_back(line);
-  }
-  static inline std::mutex mu_;
-  static inline Lines lines_;
-};
+std::mutex output_mu;
+Lines output_lines;
+Lines take_output() {
+  std::lock_guard lock(output_mu);
+  return std::exchange(output_lines, {});
+}
 
 class thrift_http_server_test : public test::sandboxed_test {
  protected:
   void SetUp() override {
+    take_output();
+    apache::thrift::GlobalOutput.setOutputFunction([](const char* line) {
+      std::lock_guard lock(output_mu);
+      output_lines.push_back(line);
+    });
     root_ = env_.root() / "www-data";
     const std::pair<std::string, std::string> files[] = {
         {"style.css", "p{color:0}\n"},
@@ -107,6 +99,7 @@ class thrift_http_server_test : public test::sandboxed_test {
   }
   void TearDown() override {
     server_.reset();
+    apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
     set_web_root_for_testing("");
   }
 
@@ -132,7 +125,7 @@ class thrift_http_server_test : public test::sandboxed_test {
       raw_http_client client(server_->port());
       client.send(request);
       EXPECT_TRUE(client.closed_by_server());
-      EXPECT_THAT(output_.take(), ElementsAre(StartsWith(reported)));
+      EXPECT_THAT(take_output(), ElementsAre(StartsWith(reported)));
     }
   }
 
@@ -141,7 +134,6 @@ class thrift_http_server_test : public test::sandboxed_test {
     EXPECT_EQ(mask_dates(client.read_reply()), post_reply(kVersionReply));
   }
 
-  global_output output_;
   fs::path root_;
   std::shared_ptr<simple_log> log_;
   std::unique_ptr<test::in_process_server> server_;
@@ -195,7 +187,7 @@ TEST_F(thrift_http_server_test, GetAndOptionsAnswerThenClose) {
     SCOPED_TRACE(request);
     EXPECT_EQ(exchange(request), reply);
   }
-  EXPECT_EQ(output_.take(), Lines());
+  EXPECT_EQ(take_output(), Lines());
 
   // Without the page, "/logs" is a file like any other.
   for (auto pages :
@@ -216,7 +208,6 @@ TEST_F(thrift_http_server_test, BadRequestEndsOnlyItsConnectionWithoutAReply) {
       {"HEAD / HTTP/1.1\r\n\r\n", died + "Bad Status (unsupported method): HEAD"},
       {"GET http://localhost:9090/ HTTP/1.1\r\n\r\n", died + "bad uri"},
       {"GET /../etc/passwd HTTP/1.1\r\n\r\n", died + "bad uri"},
-      {"GET /a..b.html HTTP/1.1\r\n\r\n", died + "bad uri"},
       // Thrift's line search stops at a NUL: it would wait for the request deadline.
       {std::string("GET /\0 HTTP/1.1\r\n\r\n", 20), died + "NUL byte in the request"},
       {"POST / HTTP/1.1\r\nContent-Length: 2x\r\n\r\n", died + "bad Content-Length: 2x"},
