@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <LibreOfficeKit/LibreOfficeKit.hxx>
 
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <memory>
 
@@ -21,26 +23,38 @@ namespace fs = std::filesystem;
 // options set. ToPdf loads a document hidden, as soffice --convert-to does: a document loaded
 // through LibreOfficeKit gets a view, whose set-up and upkeep cost a third more time per
 // document. A file of a kind that opens as a web page is laid out as a text document, as
-// LibreOfficeKit does it.
+// LibreOfficeKit does it. The converted document stays open until CloseLast: its teardown can
+// take as long as its export, and nobody needs to wait for it.
 constexpr const char* kMacroModule = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE script:module PUBLIC "-//OpenOffice.org//DTD OfficeDocument 1.0//EN" "module.dtd">
 <script:module xmlns:script="http://openoffice.org/2000/script" script:name="TarnPrint" script:language="StarBasic">
-Sub ToPdf(src As String, dst As String)
-  Dim doc As Object
-  On Error GoTo failed
+Dim lastDoc As Object
+Sub CloseLast()
+  On Error Resume Next
+  If Not IsNull(lastDoc) Then lastDoc.close(True)
+  lastDoc = Nothing
+End Sub
+Function LoadHidden(src As String, web As Boolean) As Object
   Dim props(3) As New com.sun.star.beans.PropertyValue
+  If web Then
+    ReDim props(4) As New com.sun.star.beans.PropertyValue
+    props(4).Name = &quot;FilterName&quot; : props(4).Value = &quot;HTML (StarWriter)&quot;
+  End If
   props(0).Name = &quot;Hidden&quot; : props(0).Value = True
   props(1).Name = &quot;ReadOnly&quot; : props(1).Value = True
   props(2).Name = &quot;MacroExecutionMode&quot; : props(2).Value = 0
   props(3).Name = &quot;UpdateDocMode&quot; : props(3).Value = 0
-  doc = StarDesktop.loadComponentFromURL(src, &quot;_blank&quot;, 0, props())
+  LoadHidden = StarDesktop.loadComponentFromURL(src, &quot;_blank&quot;, 0, props())
+End Function
+Sub ToPdf(src As String, dst As String, web As String)
+  Dim doc As Object
+  CloseLast()
+  On Error GoTo failed
+  doc = LoadHidden(src, web = &quot;1&quot;)
   If IsNull(doc) Then Exit Sub
   If doc.supportsService(&quot;com.sun.star.text.WebDocument&quot;) Then
     doc.close(True)
-    doc = Nothing
-    ReDim Preserve props(4) As New com.sun.star.beans.PropertyValue
-    props(4).Name = &quot;FilterName&quot; : props(4).Value = &quot;HTML (StarWriter)&quot;
-    doc = StarDesktop.loadComponentFromURL(src, &quot;_blank&quot;, 0, props())
+    doc = LoadHidden(src, True)
     If IsNull(doc) Then Exit Sub
   End If
   filter = &quot;writer_pdf_Export&quot;
@@ -54,6 +68,8 @@ Sub ToPdf(src As String, dst As String)
   Dim export(0) As New com.sun.star.beans.PropertyValue
   export(0).Name = &quot;FilterName&quot; : export(0).Value = filter
   doc.storeToURL(dst, export())
+  lastDoc = doc
+  Exit Sub
 failed:
   On Error Resume Next
   If Not IsNull(doc) Then doc.close(True)
@@ -184,9 +200,14 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
   if (format == "pdf") {
     // The macro's only sign of success is the file it writes. When it fails, the view's load
     // below tries once more and, failing too, tells why.
-    const std::string macro = "macro:///Standard.TarnPrint.ToPdf(" +
-                              macro_argument(file_url(src)) + "," + macro_argument(file_url(dst)) +
-                              ")";
+    // A name that says web page saves the load that would find out.
+    std::string ext = src.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    const bool web = ext == ".html" || ext == ".htm";
+    const std::string macro = "macro:///Standard.TarnPrint.ToPdf(" + macro_argument(file_url(src)) +
+                              "," + macro_argument(file_url(dst)) + "," +
+                              macro_argument(web ? "1" : "0") + ")";
     if (office_->runMacro(macro.c_str()) && nonempty_file(dst)) return true;
   }
   // Batch mode cancels any dialog a load would open instead of waiting for an answer that
@@ -219,6 +240,8 @@ bool lok_office::convert_csv(const fs::path& src, const fs::path& dst, const csv
   }
   return true;
 }
+
+void lok_office::close_document() { office_->runMacro("macro:///Standard.TarnPrint.CloseLast()"); }
 
 std::string lok_office::last_error() {
   char* text = office_->getError();

@@ -32,6 +32,10 @@ class lok_office {
   bool convert(const std::filesystem::path& src, const std::filesystem::path& dst,
                const std::string& format, const std::optional<csv_layout>& csv, std::string* err);
 
+  // A PDF's document stays open after convert(), so that the caller can hand the PDF on first;
+  // this closes it. The next convert() closes it too.
+  void close_document();
+
   // For tests of the time-out: from now on every document hangs, as the office does on a
   // document it can't lay out.
   void stall() { stall_ = true; }

@@ -213,6 +213,7 @@ void worker::prime() {
   std::string err;
   const bool ok = office_.convert(src, docx, "docx", std::nullopt, &err) &&
                   office_.convert(docx, dst, "pdf", std::nullopt, &err);
+  office_.close_document();
   std::error_code ec;
   for (const auto& file : {src, docx, dst}) fs::remove(file, ec);
   const long long ms = ms_since(begin);
@@ -292,6 +293,10 @@ void worker::convert(int client, const nlohmann::json& request) {
                        : send_message(client, {{"ok", false}, {"error", err}});
   // Nobody is left to rename or remove what was written.
   if (!told) ::unlink(dst.c_str());
+  watchdog_.arm(std::chrono::milliseconds(timeout_ms) + kWatchdogGrace, src.string() + " (closing)",
+                {});
+  office_.close_document();
+  watchdog_.disarm();
 }
 
 void worker::finish(int code) {
