@@ -18,7 +18,7 @@ test_packages=(
   clang libclang-rt-14-dev
   systemd desktop-file-utils iproute2
   fonts-dejavu-core libarchive-dev libgxps-utils distro-info-data
-  qt6-image-formats-plugins libgif-dev
+  qt6-image-formats-plugins
   acl util-linux
   dunst dbus-daemon dbus-bin
 )
