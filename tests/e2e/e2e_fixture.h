@@ -19,9 +19,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "process/canned_http_server.h"
 #include "convutils/CConvRegKey.h"
 #include "platform/child_process.h"
+#include "process/canned_http_server.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
 #include "web/raw_http_client.h"
