@@ -86,8 +86,6 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
       {"a 10 MiB connection with 65 references, as text/plain",
        command(std::string(10 << 20, 'c'), numbered_refs(65)), "text/plain", ""},
       {"a 1.9 MiB connection", command(big_connection, {"1.1", "2.1"}), kThrift, kCommandReply},
-      {"1,001 references", command("", numbered_refs(1001)), kThrift, kCommandReply},
-      {"a 101-byte reference", command("", {std::string(99, '7') + ".1"}), kThrift, kCommandReply},
   };
   for (const auto& a : attacks) {
     EXPECT_EQ(call(a.body, a.type), a.reply) << a.name;
@@ -102,8 +100,6 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   const std::string logs = get("/logs");
   EXPECT_LT(logs.size(), 70u * 1100) << "65 entries of at most 1 KiB each";
   EXPECT_THAT(logs, HasSubstr("refused: dms_connection of 1945600 bytes, more than 1024"));
-  EXPECT_THAT(logs, HasSubstr("refused: 1001 references, more than 1000"));
-  EXPECT_THAT(logs, HasSubstr("refused: a reference of 101 bytes, more than 100"));
 
   // One connection, many requests, pipelined: its buffers hold one request, not all.
   constexpr int kRequests = 300'000;
