@@ -21,6 +21,7 @@
 
 #include "convutils/CConvRegKey.h"
 #include "platform/child_process.h"
+#include "process/canned_http_server.h"
 #include "support/run_program.h"
 #include "support/test_env.h"
 #include "web/raw_http_client.h"
@@ -113,10 +114,6 @@ inline process_facts facts_of(pid_t pid) {
   return facts;
 }
 
-inline const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
-inline const std::string kVersionReply =
-    R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
-
 inline bool eventually(const std::function<bool()>& done,
                        std::chrono::milliseconds deadline = 60s) {
   const auto end = std::chrono::steady_clock::now() + deadline;
@@ -139,12 +136,6 @@ inline void prepare_sandbox(scoped_test_env& env) {
   for (const char* name :
        {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "DBUS_SESSION_BUS_ADDRESS"})
     env.set_env(name, std::nullopt);
-}
-
-inline std::string post_request(const std::string& body,
-                                const std::string& type = "application/x-thrift") {
-  return "POST / HTTP/1.1\r\nHost: localhost:9090\r\nContent-Type: " + type +
-         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 inline std::string version_calls(int count) {

@@ -6,7 +6,6 @@
 #include <regex>
 #include <thread>
 
-#include "canned_http_server.h"
 #include "e2e_fixture.h"
 #include "support/run_program.h"
 

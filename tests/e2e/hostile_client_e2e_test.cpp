@@ -32,12 +32,6 @@ std::string command(const std::string& connection, const std::vector<std::string
   return send_command_message(kCreatePdf, connection, "", refs, 0);
 }
 
-std::vector<std::string> numbered_refs(size_t count) {
-  std::vector<std::string> refs;
-  for (size_t i = 1; i <= count; ++i) refs.push_back(std::to_string(i) + ".1");
-  return refs;
-}
-
 // A connection to port 9090 at `address`, v4 or v6. Each wait on it ends within 30 s, which
 // fails the case instead of hanging the test.
 unique_fd connect_to(const char* address) {
@@ -79,15 +73,15 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   const long idle_kib = facts_of(gateway->pid()).rss_kib;
 
   const std::string big_connection(1900 * 1024, 'c');
+  std::vector<std::string> refs_65;
+  for (int i = 1; i <= 65; ++i) refs_65.push_back(std::to_string(i) + ".1");
   const struct {
     const char* name;
     std::string body, type, reply;  // a body over the limit ends its connection
   } attacks[] = {
       {"a 10 MiB connection with 65 references, as text/plain",
-       command(std::string(10 << 20, 'c'), numbered_refs(65)), "text/plain", ""},
+       command(std::string(10 << 20, 'c'), refs_65), "text/plain", ""},
       {"a 1.9 MiB connection", command(big_connection, {"1.1", "2.1"}), kThrift, kCommandReply},
-      {"1,001 references", command("", numbered_refs(1001)), kThrift, kCommandReply},
-      {"a 101-byte reference", command("", {std::string(99, '7') + ".1"}), kThrift, kCommandReply},
   };
   for (const auto& a : attacks) {
     EXPECT_EQ(call(a.body, a.type), a.reply) << a.name;
@@ -102,8 +96,6 @@ TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   const std::string logs = get("/logs");
   EXPECT_LT(logs.size(), 70u * 1100) << "65 entries of at most 1 KiB each";
   EXPECT_THAT(logs, HasSubstr("refused: dms_connection of 1945600 bytes, more than 1024"));
-  EXPECT_THAT(logs, HasSubstr("refused: 1001 references, more than 1000"));
-  EXPECT_THAT(logs, HasSubstr("refused: a reference of 101 bytes, more than 100"));
 
   // One connection, many requests, pipelined: its buffers hold one request, not all.
   constexpr int kRequests = 300'000;

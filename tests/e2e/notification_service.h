@@ -16,6 +16,7 @@
 #include "e2e_fixture.h"
 #include "platform/child_process.h"
 #include "support/run_program.h"
+#include "support/session_bus.h"
 
 namespace tarn::test {
 
@@ -47,31 +48,20 @@ class notification_service {
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);
     write_file(folder / "dunstrc",
                "[record]\n    appname = \"*\"\n    script = " + script.string() + "\n");
-    // No services started on demand: dunstctl would otherwise start a dunst of its own.
-    write_file(folder / "bus.conf", "<busconfig><type>session</type><listen>" + address_ +
-                                        "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                        "<allow send_destination=\"*\"/><allow eavesdrop=\"true\"/>"
-                                        "<allow own=\"*\"/></policy></busconfig>");
-    bus_ = child_process::start(
-        {kBus, "--config-file=" + (folder / "bus.conf").string(), "--nofork", "--nosyslog"}, {},
-        &why_);
-    // dunst gives up on a bus it can't reach yet.
-    if (!bus_ || !eventually([&] { return std::filesystem::exists(folder / "bus"); }, 20s)) return;
+    bus_ = start_session_bus(folder, &why_);
+    if (!bus_) return;
     dunst_ = child_process::start(
         {"/usr/bin/env", "DISPLAY=" + display, "DBUS_SESSION_BUS_ADDRESS=" + address_, kDunst,
          "-conf", (folder / "dunstrc").string()},
         {}, &why_);
     // Up once it answers on the bus.
-    if (!bus_ || !dunst_ ||
-        !eventually([&] { return dunstctl({"is-paused"}).exit_code == 0; }, 20s))
+    if (!dunst_ || !eventually([&] { return dunstctl({"is-paused"}).exit_code == 0; }, 20s))
       why_ += "; dunst didn't come up on " + address_;
   }
   ~notification_service() {
-    for (auto* child : {dunst_.get(), bus_.get()}) {
-      if (!child) continue;
-      child->signal(SIGTERM);
-      child->wait_for(std::chrono::seconds(5));
-    }
+    if (!dunst_) return;
+    dunst_->signal(SIGTERM);
+    dunst_->wait_for(std::chrono::seconds(5));
   }
 
   bool started() const { return why_.empty(); }

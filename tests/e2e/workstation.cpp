@@ -140,20 +140,6 @@ bool workstation::after_the_running_task() {
   return eventually([&] { return idle_lines() > before; });
 }
 
-std::vector<std::string> workstation::temp_files() const {
-  std::vector<std::string> files;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(temp(), ec);
-       !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-    if (it.depth() == 0 && it->path().filename() == "tarnoffice") {
-      it.disable_recursion_pending();
-      continue;
-    }
-    if (!it->is_directory(ec)) files.push_back(fs::relative(it->path(), temp()).string());
-  }
-  return files;
-}
-
 void workstation::remember(const std::vector<std::pair<std::string, uint32_t>>& answers) {
   for (const auto& [value, number] : answers) {
     const program_result r = set_dword("iManage", value, number);

@@ -48,7 +48,7 @@ class workstation {
   std::filesystem::path shared_tmp() const { return env_.root() / "shared-tmp"; }
   std::filesystem::path temp() const { return shared_tmp() / ("tarn-" + std::to_string(getuid())); }
   // Files below the private temporary folder but the warm office's: empty after every task.
-  std::vector<std::string> temp_files() const;
+  std::vector<std::string> temp_files() const { return files_below(temp(), "tarnoffice"); }
   // The answers the merge and save questions open on: value name and number.
   void remember(const std::vector<std::pair<std::string, uint32_t>>& answers);
 

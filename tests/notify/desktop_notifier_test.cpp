@@ -1,13 +1,11 @@
 #include "notify/desktop_notifier.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "convutils/CConvRegKey.h"
@@ -15,7 +13,7 @@
 #include "convutils/usage_reporter.h"
 #include "platform/child_process.h"
 #include "platform/unique_fd.h"
-#include "support/test_env.h"
+#include "support/session_bus.h"
 
 namespace tarn {
 namespace {
@@ -46,24 +44,10 @@ class desktop_notifier_test : public test::sandboxed_test {
 TEST_F(desktop_notifier_test, WithoutABusOrANotificationServiceNobodyWaitsAndTheLogSaysSoOnce) {
   EXPECT_THAT(use_notifier(), ElementsAre(HasSubstr("no session bus")));
 
-  // A bus that starts no services on demand, unlike a desktop session's.
-  const fs::path config = env_.root() / "bus.conf";
-  test::write_file(config, "<busconfig><listen>unix:dir=" + env_.root().string() +
-                               "</listen><policy context=\"default\"><allow send_destination="
-                               "\"*\"/><allow eavesdrop=\"true\"/></policy></busconfig>");
-  int fds[2];
-  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-  std::unique_ptr<FILE, int (*)(FILE*)> reader(fdopen(fds[0], "r"), fclose);
-  std::string err;
-  auto bus = child_process::start(
-      {"/usr/bin/dbus-daemon", "--config-file=" + config.string(), "--nofork", "--print-address=1"},
-      {.stdout_fd = fds[1]}, &err);
-  ::close(fds[1]);
-  char address[512] = {};
-  ASSERT_TRUE(bus && fgets(address, sizeof address, reader.get()))
-      << "dbus-daemon (scripts/install-deps.sh test): " << err;
-  address[strcspn(address, "\n")] = '\0';
-  env_.set_env("DBUS_SESSION_BUS_ADDRESS", address);
+  std::string why;
+  const auto bus = test::start_session_bus(env_.root(), &why);
+  ASSERT_TRUE(bus) << why << " (scripts/install-deps.sh test installs dbus-daemon)";
+  env_.set_env("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (env_.root() / "bus").string());
   EXPECT_THAT(use_notifier(), ElementsAre(HasSubstr("no notification service answers")));
 }
 

@@ -18,18 +18,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::canned_http_server;
+using test::kVersionCall;
+using test::kVersionReply;
+using test::post_request;
 using test::raw_http_client;
 
 const std::string kStartPage =
     canned_http_server::reply("200 OK", "text/html", "<title>Vantu Tarn gateway</title>");
-const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
-const std::string kVersionReply =
-    R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
-
-std::string post_request(const std::string& body) {
-  return "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
 // Ends the whole run (SIGALRM) when a step hangs: a join that never returns can't be unblocked.
 struct watchdog {
   explicit watchdog(std::chrono::seconds limit) { alarm(static_cast<unsigned>(limit.count())); }

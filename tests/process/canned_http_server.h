@@ -40,4 +40,14 @@ class canned_http_server {
   std::thread thread_;
 };
 
+// The gateway's simplest call, its reply, and a request that posts a body as a browser does.
+inline const std::string kVersionCall = R"([1,"get_version",1,0,{}])";
+inline const std::string kVersionReply =
+    R"json([1,"get_version",2,0,{"0":{"str":"Vantu Tarn (version 5.0)"}}])json";
+inline std::string post_request(const std::string& body,
+                                const std::string& type = "application/x-thrift") {
+  return "POST / HTTP/1.1\r\nHost: localhost:9090\r\nContent-Type: " + type +
+         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
 }  // namespace tarn::test

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -71,6 +72,20 @@ std::set<std::string> names_in(const std::filesystem::path& dir) {
   for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
     names.insert(entry.path().filename().string());
   return names;
+}
+
+std::vector<std::string> files_below(const std::filesystem::path& dir, const std::string& skip) {
+  std::vector<std::string> files;
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(dir, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    if (it.depth() == 0 && it->path().filename() == skip)
+      it.disable_recursion_pending();
+    else if (!it->is_directory(ec))
+      files.push_back(std::filesystem::relative(it->path(), dir).string());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 }  // namespace tarn::test

@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace tarn::test {
 
@@ -41,5 +42,7 @@ std::string read_file(const std::filesystem::path& path);
 void write_file(const std::filesystem::path& path, const std::string& bytes);
 // The names of the entries of `dir`, so that a leftover file shows; none for a missing folder.
 std::set<std::string> names_in(const std::filesystem::path& dir);
+// The files (not folders) below `dir`, sorted, but for those in its top-level folder `skip`.
+std::vector<std::string> files_below(const std::filesystem::path& dir, const std::string& skip);
 
 }  // namespace tarn::test

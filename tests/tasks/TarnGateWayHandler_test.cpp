@@ -55,6 +55,8 @@ class TarnGateWayHandler_test : public ::testing::Test {
 
 TEST_F(TarnGateWayHandler_test, LogsEachDocumentUnderTheCallsNumberAndPostsOneTask) {
   const std::string kLongest(1024, 'c');
+  std::set<std::string> too_many;
+  for (int i = 0; i <= 1000; ++i) too_many.insert(std::to_string(i));
   const struct {
     int32_t cmd;
     std::string connection, location;
@@ -75,6 +77,10 @@ TEST_F(TarnGateWayHandler_test, LogsEachDocumentUnderTheCallsNumberAndPostsOneTa
       {1, kLongest + "c", "b", {"x"},
        {"[6] send_command(CONVERT_WITH_ASSISTANT) refused: dms_connection of 1025 bytes, more "
         "than 1024"}},
+      {0, "a", "b", too_many,
+       {"[7] send_command(CREATE_PDF) refused: 1001 references, more than 1000"}},
+      {0, "a", "b", {std::string(101, '7')},
+       {"[8] send_command(CREATE_PDF) refused: a reference of 101 bytes, more than 100"}},
       // clang-format on
   };
   Lines expected = {"[...] DMS_connector_handler::DMS_connector_handler",

@@ -1,6 +1,5 @@
 #include "task_fixture.h"
 
-#include <algorithm>
 #include <regex>
 #include <sstream>
 
@@ -120,21 +119,6 @@ std::vector<std::string> task_fixture::log_texts(const std::string& prefix) cons
     if (line.substr(line.find("] ") + 2).starts_with(prefix))
       texts.push_back(line.substr(line.find("] ") + 2));
   return texts;
-}
-
-std::vector<std::string> task_fixture::files_in_temp() const {
-  std::vector<std::string> files;
-  const fs::path office = env_.tmp() / "tarnoffice";
-  for (auto it = fs::recursive_directory_iterator(env_.tmp());
-       it != fs::recursive_directory_iterator(); ++it) {
-    if (it->path() == office) {
-      it.disable_recursion_pending();
-    } else if (!it->is_directory()) {
-      files.push_back(fs::relative(it->path(), env_.tmp()).string());
-    }
-  }
-  std::sort(files.begin(), files.end());
-  return files;
 }
 
 }  // namespace tarn::test

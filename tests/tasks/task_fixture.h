@@ -43,7 +43,7 @@ class task_fixture : public sandboxed_test {
   // The texts of the log's entries that begin with `prefix`, without the time stamps.
   std::vector<std::string> log_texts(const std::string& prefix = "") const;
   // Files (not folders) below the private temporary folder, but for the warm office's.
-  std::vector<std::string> files_in_temp() const;
+  std::vector<std::string> files_in_temp() const { return files_below(env_.tmp(), "tarnoffice"); }
 
   const std::filesystem::path install_ = env_.root() / "inst";
   std::shared_ptr<simple_log> log_ = std::make_shared<simple_log>("start");
