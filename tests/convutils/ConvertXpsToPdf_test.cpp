@@ -1,11 +1,10 @@
 #include <gmock/gmock.h>
 
-#include "convutils/CConvRegKey.h"
 #include "convutils/ConvUtils.h"
 #include "convutils/DynLoadDll.h"
+#include "convutils_fixture.h"
 #include "support/conversion.h"
 #include "support/run_program.h"
-#include "trace_capture.h"
 
 namespace tarn {
 namespace {
@@ -18,13 +17,12 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // The test binary's own folder holds no tarnimage.so, so the install folder decides.
-class ConvertXpsToPdf_test : public test::sandboxed_test {
+class ConvertXpsToPdf_test : public test::convutils_fixture {
  protected:
   void SetUp() override {
     env_.set_env("TARN_TRACE", "85");
     fs::create_directories(install_);
-    CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt)
-        .write_text(install_.string());
+    set_install_path(install_.string());
     test::write_xps(source_, {"Hello XPS", "Zweite Seite"});
   }
   void TearDown() override { tarn_image_dll().unload(); }
@@ -33,7 +31,6 @@ class ConvertXpsToPdf_test : public test::sandboxed_test {
     fs::copy_file(from, install_ / kTarnImageLibrary, fs::copy_options::overwrite_existing);
   }
   bool convert() { return ConvertXpsToPdf(source_.string(), target_.string(), 15, 0, 0); }
-  test::trace_capture capture() { return test::trace_capture(env_.root() / "trace"); }
 
   const fs::path install_ = env_.root() / "inst";
   const fs::path source_ = env_.tmp() / "Grüße \"Bericht\".xps";

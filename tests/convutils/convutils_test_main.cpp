@@ -1,5 +1,5 @@
-// The conversion tests start this binary again as the print helper or the assistant, and need
-// an application object for the waits that keep its event loop running.
+// The conversion and assistant tests start this binary again as the print helper or the
+// assistant; the waits that keep an event loop running need an application object.
 #include <gtest/gtest.h>
 
 #include <QApplication>

@@ -1,15 +1,13 @@
 #include <regex>
 
-#include "convutils/CConvRegKey.h"
-#include "convutils/ConvUtils.h"
-#include "support/test_env.h"
+#include "convutils_fixture.h"
 
 namespace tarn {
 namespace {
 
 namespace fs = std::filesystem;
 
-class file_names_test : public test::sandboxed_test {};
+using file_names_test = test::convutils_fixture;
 
 TEST_F(file_names_test, TempNamesAreFreeAndKeepOnlyXpsAndPdfExtensions) {
   const std::pair<const char*, const char*> cases[] = {
@@ -32,8 +30,7 @@ TEST_F(file_names_test, InstallPathEndsInASeparatorAndFilesAreLookedForInBinFirs
   EXPECT_FALSE(ReadInstallPath(&path));
   EXPECT_EQ(path, "");
   const fs::path install = env_.root() / "Grüße inst";
-  CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt)
-      .write_text(install.string());
+  set_install_path(install.string());
   EXPECT_TRUE(ReadInstallPath(&path, 0));
   EXPECT_EQ(path, install.string() + "/");
 

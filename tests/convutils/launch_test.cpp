@@ -6,10 +6,8 @@
 #include <QWidget>
 #include <functional>
 
-#include "convutils/CConvRegKey.h"
-#include "convutils/ConvUtils.h"
+#include "convutils_fixture.h"
 #include "platform/self_exe.h"
-#include "trace_capture.h"
 
 namespace tarn {
 namespace {
@@ -24,7 +22,7 @@ bool no_children_left() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno ==
 
 // The install folder holds this test binary as tarnassist or tarnprint, which it then plays
 // (support/conversion.h).
-class launch_test : public test::sandboxed_test {
+class launch_test : public test::convutils_fixture {
  protected:
   void SetUp() override {
     env_.set_env("TARN_TRACE", "85");
@@ -32,13 +30,9 @@ class launch_test : public test::sandboxed_test {
     set_install_path(install_.string() + "/");
     mkfifo(fifo_.c_str(), 0600);
   }
-  void set_install_path(const std::string& path) {
-    CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt).write_text(path);
-  }
   void install_as(const fs::path& relative) {
     fs::create_symlink(self_exe_path(), install_ / relative);
   }
-  test::trace_capture capture() { return test::trace_capture(env_.root() / "trace"); }
 
   const fs::path install_ = env_.root() / "inst";
   const fs::path fifo_ = env_.tmp() / "fifo";

@@ -5,11 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "convutils/CConvRegKey.h"
-#include "convutils/ConvUtils.h"
+#include "convutils_fixture.h"
 #include "platform/unique_fd.h"
 #include "support/run_program.h"
-#include "support/test_env.h"
 
 namespace tarn {
 namespace {
@@ -22,11 +20,8 @@ constexpr DWORD kUnset = 0xDEAD;
 void set(reg_root root, const char* key, const char* name, DWORD value) {
   if (value != kUnset) CConvRegKey(root, key, name, DWORD{0}).write_number(value);
 }
-void set_install(const std::string& path) {
-  CConvRegKey(kMachine, kProductKey, "InstallPath", std::nullopt).write_text(path);
-}
 
-class usage_reporter_test : public test::sandboxed_test {};
+using usage_reporter_test = test::convutils_fixture;
 
 TEST_F(usage_reporter_test, PolicyWinsOverTheUserSwitchAndMachineOverUser) {
   const struct {
@@ -62,7 +57,7 @@ TEST_F(usage_reporter_test, PolicyWinsOverTheUserSwitchAndMachineOverUser) {
 TEST_F(usage_reporter_test, LineCarriesKeyBuildIdAndTrimmedValuesEscapedByUtf16Unit) {
   const fs::path install = env_.root() / "Tarn Install";
   test::write_file(install / "Build.id", "\n  \n5.0.0.1 second word\n");
-  set_install(install.string());
+  set_install_path(install.string());
   usage_reporter reporter(kProductKey, kUsagePropertyId);
   reporter.add_value("ec", "iManage 10");
   reporter.add_value("skipped", "   ");
@@ -73,14 +68,14 @@ TEST_F(usage_reporter_test, LineCarriesKeyBuildIdAndTrimmedValuesEscapedByUtf16U
             "Software\\Vantu\\PDF\\V1|5.0.0.1|UA-314159265-1|ec|iManage%2010|el|From%20DMS"
             "|x|%E9%20AC|%%D83D%DE00");
 
-  set_install("");
+  set_install_path("");
   EXPECT_EQ(usage_reporter(kProductKey, kUsagePropertyId).line(),
             "Software\\Vantu\\PDF\\V1||UA-314159265-1");
 }
 
 // The real reporter of the build's install folder, started detached as a command does it.
 TEST_F(usage_reporter_test, EventReachesTheReportersFile) {
-  set_install(test::dist_program(""));
+  set_install_path(test::dist_program(""));
   const fs::path folder = env_.home() / ".local/state/vantu";
   fs::create_directories(folder);
   unique_fd watch(inotify_init1(IN_CLOEXEC));

@@ -2,31 +2,15 @@
 
 #include <map>
 
+#include "components/pdf_attach/pdf_attach_fixture.h"
 #include "dms/fault_connector/fault_connector_probe.h"
-#include "support/register_component.h"
-#include "support/test_env.h"
-#include "support/test_pdf.h"
 
 namespace tarn {
 namespace {
 
 using labels = std::vector<std::string>;
 
-class attach_handler_test : public test::sandboxed_test {
- protected:
-  void SetUp() override {
-    test::register_component(reg_root::local_machine, kClsidPdfAttach,
-                             std::string(TARN_DIST_DIR) + "/pdf_attach.so");
-    folder_ = env_.tmp();
-  }
-  std::filesystem::path pdf(const std::string& label, int pages) {
-    auto path = folder_ / (label + ".pdf");
-    test::write_test_pdf(path, label, pages);
-    return path;
-  }
-
-  std::filesystem::path folder_;
-};
+using attach_handler_test = test::pdf_attach_fixture;
 
 TEST_F(attach_handler_test, JoinsTheSeriesInOrderIntoTheFirstFileThatOpens) {
   const struct {

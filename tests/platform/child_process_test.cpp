@@ -101,7 +101,7 @@ TEST_F(child_process_test, ChildGetsItsArgumentsWholeInheritsNothingAndIsAlwaysR
   // SIGTERM is blocked here; the child must still die of it.
   EXPECT_EQ(child_process::start({"/bin/sh", "-c", "exit 3"})->wait(), 3);
   EXPECT_EQ(child_process::start({"/bin/sh", "-c", "kill -TERM $$; exit 9"})->wait(), 143);
-  auto paused = child_process::start({self_, "--probe-pause"});
+  auto paused = child_process::start({"/bin/sleep", "600"});
   EXPECT_EQ(paused->wait_for(std::chrono::milliseconds(0)), std::nullopt);
   const pid_t pid = paused->pid();
   paused.reset();

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
@@ -119,17 +120,21 @@ std::string pdf_text(const std::filesystem::path& pdf) {
   return run_program({"/usr/bin/pdftotext", "-q", pdf.string(), "-"}).out;
 }
 
+bool process_ended(pid_t pid, std::chrono::milliseconds limit) {
+  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return errno == ESRCH;
+  pollfd pfd = {pidfd, POLLIN, 0};
+  const bool ended = ::poll(&pfd, 1, static_cast<int>(limit.count())) == 1;
+  ::close(pidfd);
+  return ended;
+}
+
 void end_office_worker(const std::filesystem::path& tmp) {
   // The pool's first office lives in the folder itself, the others in office-N below it.
   for (const std::string slot : {"", "office-1", "office-2", "office-3"}) {
-    const std::string text = read_file(tmp / "tarnoffice" / slot / "office.pid");
-    const pid_t pid = static_cast<pid_t>(std::atoi(text.c_str()));
-    const int pidfd = pid > 0 ? static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)) : -1;
-    if (pidfd < 0) continue;
-    ::kill(pid, SIGTERM);
-    pollfd pfd = {pidfd, POLLIN, 0};
-    if (::poll(&pfd, 1, 30000) != 1) ::kill(pid, SIGKILL);
-    ::close(pidfd);
+    const pid_t pid = std::atoi(read_file(tmp / "tarnoffice" / slot / "office.pid").c_str());
+    if (pid > 0 && ::kill(pid, SIGTERM) == 0 && !process_ended(pid, std::chrono::seconds(30)))
+      ::kill(pid, SIGKILL);
   }
 }
 

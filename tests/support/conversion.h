@@ -2,6 +2,9 @@
 // for the product's helper programs at their command-line contract.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -17,6 +20,9 @@ void write_zip(const std::filesystem::path& file,
 
 bool pdf_is_valid(const std::filesystem::path& pdf);     // qpdf --check
 std::string pdf_text(const std::filesystem::path& pdf);  // pdftotext
+
+// True once `pid` has ended (or never ran); the limit only keeps a broken test from hanging.
+bool process_ended(pid_t pid, std::chrono::milliseconds limit = std::chrono::seconds(60));
 
 // Ends the warm offices that the real tarnprint started below the private temporary folder `tmp`.
 void end_office_worker(const std::filesystem::path& tmp);

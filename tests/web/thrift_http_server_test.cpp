@@ -24,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::raw_http_client;
 using ::testing::ElementsAre;
-using ::testing::StartsWith;
+using ::testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
 const std::string kGetVersion = R"([1,"get_version",1,0,{}])";
@@ -125,7 +125,7 @@ class thrift_http_server_test : public test::sandboxed_test {
       raw_http_client client(server_->port());
       client.send(request);
       EXPECT_TRUE(client.closed_by_server());
-      EXPECT_THAT(take_output(), ElementsAre(StartsWith(reported)));
+      EXPECT_THAT(take_output(), ElementsAre(HasSubstr(reported)));
     }
   }
 
@@ -200,24 +200,23 @@ TEST_F(thrift_http_server_test, GetAndOptionsAnswerThenClose) {
 TEST_F(thrift_http_server_test, BadRequestEndsOnlyItsConnectionWithoutAReply) {
   raw_http_client slow(server_->port());
   slow.send("POST / HTTP/1.1\r\nContent-Len");
-  const std::string died = "TConnectedClient died: ";
   expect_refused({
-      {"GET /\r\n\r\n", died + "bad status: GET"},
-      {"NOBLANK\r\n\r\n", died + "bad status: NOBLANK"},
-      {"get / HTTP/1.1\r\n\r\n", died + "Bad Status (unsupported method): get"},
-      {"HEAD / HTTP/1.1\r\n\r\n", died + "Bad Status (unsupported method): HEAD"},
-      {"GET http://localhost:9090/ HTTP/1.1\r\n\r\n", died + "bad uri"},
-      {"GET /../etc/passwd HTTP/1.1\r\n\r\n", died + "bad uri"},
+      {"GET /\r\n\r\n", "bad status: GET"},
+      {"NOBLANK\r\n\r\n", "bad status: NOBLANK"},
+      {"get / HTTP/1.1\r\n\r\n", "Bad Status (unsupported method): get"},
+      {"HEAD / HTTP/1.1\r\n\r\n", "Bad Status (unsupported method): HEAD"},
+      {"GET http://localhost:9090/ HTTP/1.1\r\n\r\n", "bad uri"},
+      {"GET /../etc/passwd HTTP/1.1\r\n\r\n", "bad uri"},
       // Thrift's line search stops at a NUL: it would wait for the request deadline.
-      {std::string("GET /\0 HTTP/1.1\r\n\r\n", 20), died + "NUL byte in the request"},
-      {"POST / HTTP/1.1\r\nContent-Length: 2x\r\n\r\n", died + "bad Content-Length: 2x"},
-      {"POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", died + "bad Content-Length: -1"},
-      {"POST / HTTP/1.1\r\nContent-length:\r\n\r\n", died + "bad Content-Length:"},
+      {std::string("GET /\0 HTTP/1.1\r\n\r\n", 20), "NUL byte in the request"},
+      {"POST / HTTP/1.1\r\nContent-Length: 2x\r\n\r\n", "bad Content-Length: 2x"},
+      {"POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", "bad Content-Length: -1"},
+      {"POST / HTTP/1.1\r\nContent-length:\r\n\r\n", "bad Content-Length:"},
       {"POST / HTTP/1.1\r\nContent-Length: 4294967320\r\n\r\n",
-       died + "Content-Length over 2097152 bytes: 4294967320"},
+       "Content-Length over 2097152 bytes: 4294967320"},
       // TJSONProtocol alone would run these with a made-up command number.
-      {post(R"([1,"send_command",1,5,{"1":{"i32":-}}])"), died + "request body isn't JSON"},
-      {post(kGetVersion + "[]"), died + "request body isn't JSON"},
+      {post(R"([1,"send_command",1,5,{"1":{"i32":-}}])"), "request body isn't JSON"},
+      {post(kGetVersion + "[]"), "request body isn't JSON"},
   });
   raw_http_client other(server_->port());
   expect_served(other);
@@ -229,7 +228,7 @@ TEST_F(thrift_http_server_test, RequestOverItsLimitsEndsOnlyItsConnection) {
   limits.max_body_bytes = 1000;
   limits.read_timeout = std::chrono::milliseconds(300);
   server_ = start(nullptr, limits);
-  const std::string kTooLarge = "TConnectedClient died: request larger than 66536 bytes";
+  const std::string kTooLarge = "request larger than 66536 bytes";
   // Over the budget (body and head limits) even without the first read's bytes.
   const std::string over(64 * 1024 + 8000, 'x');
   // The body starts a JSON string that its chunks go on filling.
@@ -239,8 +238,7 @@ TEST_F(thrift_http_server_test, RequestOverItsLimitsEndsOnlyItsConnection) {
   raw_http_client idle(server_->port());
   expect_served(idle);
   expect_refused({
-      {"POST / HTTP/1.1\r\nContent-Length: 1001\r\n\r\n",
-       "TConnectedClient died: Content-Length over 1000 bytes: 1001"},
+      {"POST / HTTP/1.1\r\nContent-Length: 1001\r\n\r\n", "Content-Length over 1000 bytes: 1001"},
       {"POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks, kTooLarge},
       {"POST / HTTP/1.1\r\nX: " + over, kTooLarge},
       // Silence within a request ends it as a time-out, which TSocket reports itself.

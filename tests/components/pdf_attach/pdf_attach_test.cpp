@@ -6,12 +6,9 @@
 #include <qpdf/QPDFOutlineDocumentHelper.hh>
 #include <qpdf/QPDFPageDocumentHelper.hh>
 
-#include "dms/IPdfAttach.h"
+#include "components/pdf_attach/pdf_attach_fixture.h"
 #include "dms/component_loader.h"
-#include "support/register_component.h"
 #include "support/run_program.h"
-#include "support/test_env.h"
-#include "support/test_pdf.h"
 
 namespace tarn {
 namespace {
@@ -24,17 +21,11 @@ struct insert_args {
   int32_t flags = 0;
 };
 
-class pdf_attach_test : public test::sandboxed_test {
+class pdf_attach_test : public test::pdf_attach_fixture {
  protected:
   void SetUp() override {
-    test::register_component(reg_root::local_machine, kClsidPdfAttach,
-                             std::string(TARN_DIST_DIR) + "/pdf_attach.so");
+    pdf_attach_fixture::SetUp();
     ASSERT_EQ(attach_.create(kClsidPdfAttach, kIidPdfAttach), S_OK);
-  }
-  std::string pdf(const std::string& label, int pages) {
-    auto path = env_.tmp() / (label + ".pdf");
-    test::write_test_pdf(path, label, pages);
-    return path.string();
   }
   int32_t open(const std::string& path) {
     int32_t handle = kNoAttachDocument;

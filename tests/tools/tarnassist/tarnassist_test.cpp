@@ -206,9 +206,3 @@ TEST_F(tarnassist_test, BadUsageOrListIsRefusedWithTheCause) {
 }  // namespace
 }  // namespace tarn
 
-// This binary also plays the tarnprint that the cases install.
-int main(int argc, char** argv) {
-  if (int code = 0; tarn::test::play_helper_program(argc, argv, &code)) return code;
-  testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

@@ -2,16 +2,13 @@
 // tarnprint_test share one sandbox and its warm office; office_lifecycle_test cases each have a
 // sandbox, and so a worker, of their own. Every worker started here is ended here.
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <QImage>
 
-#include <cerrno>
 #include <cstdlib>
 #include <future>
 #include <regex>
@@ -61,16 +58,6 @@ std::vector<pid_t> started_workers(const fs::path& runtime = runtime_dir()) {
   for (std::sregex_iterator it(log.begin(), log.end(), kStart), end; it != end; ++it)
     pids.push_back(std::stoi((*it)[1]));
   return pids;
-}
-
-// True once `pid` has ended; the limit only keeps a broken test from hanging.
-bool ended(pid_t pid, std::chrono::seconds limit = std::chrono::seconds(60)) {
-  int fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (fd < 0) return errno == ESRCH;
-  pollfd p{fd, POLLIN, 0};
-  const int ready = ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(limit).count()));
-  ::close(fd);
-  return ready > 0;
 }
 
 void set_print_setting(const char* name, DWORD value) {
@@ -327,13 +314,13 @@ TEST_F(office_lifecycle_test, OneWorkerForRunsAtOnceReplacedWhenDoneOrKilled) {
   EXPECT_EQ(second.get().exit_code, 0);
   auto pids = started_workers();
   ASSERT_EQ(pids.size(), 1u);
-  EXPECT_TRUE(ended(pids[0])) << "a worker exits after its last document";
+  EXPECT_TRUE(test::process_ended(pids[0])) << "a worker exits after its last document";
 
   EXPECT_EQ(tarnprint(src_, out_ / "3.pdf").exit_code, 0);
   pids = started_workers();
   ASSERT_EQ(pids.size(), 2u);
   ASSERT_EQ(::kill(pids[1], SIGKILL), 0);
-  ASSERT_TRUE(ended(pids[1]));
+  ASSERT_TRUE(test::process_ended(pids[1]));
 
   const auto r = tarnprint(src_, out_ / "4.pdf");
   EXPECT_EQ(r.exit_code, 0) << r.err;
@@ -355,7 +342,7 @@ TEST_F(office_lifecycle_test, PoolSpreadsRunsAtOnceAndEndsWhenIdle) {
     SCOPED_TRACE(slot);
     const auto pids = started_workers(runtime_dir() / slot);
     ASSERT_EQ(pids.size(), 1u);
-    EXPECT_TRUE(ended(pids[0])) << "an idle office exits";
+    EXPECT_TRUE(test::process_ended(pids[0])) << "an idle office exits";
   }
   EXPECT_EQ(test::names_in(out_), (std::set<std::string>{"1.pdf", "2.pdf"}));
 }
@@ -368,7 +355,8 @@ TEST_F(office_lifecycle_test, HungConversionEndsAtTheTimeOutAndTheNextRunStartsA
   EXPECT_FALSE(fs::exists(src_.parent_path() / ".~lock.note.txt#")) << "the office's lock file";
   auto pids = started_workers();
   ASSERT_EQ(pids.size(), 1u);
-  EXPECT_TRUE(ended(pids[0], std::chrono::seconds(0))) << "tarnprint kills the hung worker";
+  EXPECT_TRUE(test::process_ended(pids[0], std::chrono::seconds(0)))
+      << "tarnprint kills the hung worker";
 
   env_.set_env("TARN_OFFICE_TEST_STALL", std::nullopt);
   set_print_setting("ConvertTimeoutSeconds", 120);

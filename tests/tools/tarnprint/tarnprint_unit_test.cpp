@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <random>
+#include <ranges>
 
 #include "office_profile.h"
 #include "source_kind.h"
@@ -87,10 +88,8 @@ TEST(source_kind_test, CsvLayoutFromNameAndFirstLine) {
   }
 }
 
-size_t count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
+size_t count(std::string_view text, std::string_view what) {
+  return std::ranges::distance(std::views::split(text, what)) - 1;
 }
 
 using office_profile_test = test::sandboxed_test;

@@ -1,5 +1,4 @@
-// Collects the diagnostic lines this process writes to standard error while it lives, as
-// "LEVEL TEXT" (0 progress, 1 warning, 2 failure); other programs' lines are left out.
+// What the conversion utilities' tests share: their trace and the product's install folder.
 #pragma once
 
 #include <fcntl.h>
@@ -7,10 +6,14 @@
 
 #include <sstream>
 
+#include "convutils/CConvRegKey.h"
+#include "convutils/ConvUtils.h"
 #include "support/test_env.h"
 
 namespace tarn::test {
 
+// Collects the diagnostic lines this process writes to standard error while it lives, as
+// "LEVEL TEXT" (0 progress, 1 warning, 2 failure); other programs' lines are left out.
 class trace_capture {
  public:
   explicit trace_capture(std::filesystem::path file) : file_(std::move(file)) {
@@ -37,6 +40,14 @@ class trace_capture {
  private:
   std::filesystem::path file_;
   const int saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+};
+
+class convutils_fixture : public sandboxed_test {
+ protected:
+  static void set_install_path(const std::string& path) {
+    CConvRegKey(reg_root::local_machine, kProductKey, "InstallPath", std::nullopt).write_text(path);
+  }
+  trace_capture capture() { return trace_capture(env_.root() / "trace"); }
 };
 
 }  // namespace tarn::test
