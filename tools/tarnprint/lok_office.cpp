@@ -190,6 +190,7 @@ bool lok_office::use_system_locale(std::string* err) {
 bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::string& format,
                          const std::optional<csv_layout>& csv, std::string* err) {
   while (stall_) ::pause();
+  viewed_ = false;
   if (csv) {
     if (format != "pdf") {
       *err = "a CSV file can only be converted to pdf";
@@ -208,7 +209,8 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
     const std::string macro = "macro:///Standard.TarnPrint.ToPdf(" + macro_argument(file_url(src)) +
                               "," + macro_argument(file_url(dst)) + "," +
                               macro_argument(web ? "1" : "0") + ")";
-    if (office_->runMacro(macro.c_str()) && nonempty_file(dst)) return true;
+    viewed_ = !(office_->runMacro(macro.c_str()) && nonempty_file(dst));
+    if (!viewed_) return true;
   }
   // Batch mode cancels any dialog a load would open instead of waiting for an answer that
   // never comes.

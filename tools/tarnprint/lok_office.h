@@ -32,6 +32,10 @@ class lok_office {
   bool convert(const std::filesystem::path& src, const std::filesystem::path& dst,
                const std::string& format, const std::optional<csv_layout>& csv, std::string* err);
 
+  // Whether the last convert() of a document to PDF, not CSV, needed the view's load: the hidden
+  // load failed on it, and the conversion took about twice as long.
+  bool viewed_pdf() const { return viewed_; }
+
   // A PDF's document stays open after convert(), so that the caller can hand the PDF on first;
   // this closes it. The next convert() closes it too.
   void close_document();
@@ -48,6 +52,7 @@ class lok_office {
 
   lok::Office* office_ = nullptr;  // lives until the process ends; see above
   bool stall_ = false;
+  bool viewed_ = false;
 };
 
 }  // namespace tarn

@@ -307,7 +307,8 @@ void worker::convert(int client, const nlohmann::json& request) {
   watchdog_.disarm();
   const long long ms = ms_since(begin);
   if (ok) {
-    say("%s -> %s: %lld ms", src.c_str(), format.c_str(), ms);
+    say("%s -> %s: %lld ms%s", src.c_str(), format.c_str(), ms,
+        office_.viewed_pdf() ? " (the hidden load failed; loaded with a view)" : "");
   } else {
     say("%s -> %s failed after %lld ms: %s", src.c_str(), format.c_str(), ms, err.c_str());
   }
