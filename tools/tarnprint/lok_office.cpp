@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 // Basic macros of the private profile. LibreOfficeKit can't open CSV files: it always asks for
 // the import options, even when they are given, so CsvToPdf loads them through the API with the
 // options set. ToPdf loads a document hidden, as soffice --convert-to does: a document loaded
-// through LibreOfficeKit gets a view, whose set-up and upkeep cost a third more time per
-// document. A file of a kind that opens as a web page is laid out as a text document, as
+// through LibreOfficeKit gets a view, whose set-up and upkeep make a conversion take about half
+// as long again. A file of a kind that opens as a web page is laid out as a text document, as
 // LibreOfficeKit does it. The converted document stays open until CloseLast: its teardown can
 // take as long as its export, and nobody needs to wait for it.
 constexpr const char* kMacroModule = R"(<?xml version="1.0" encoding="UTF-8"?>
@@ -199,8 +199,6 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
     return convert_csv(src, dst, *csv, err);
   }
   if (format == "pdf") {
-    // The macro's only sign of success is the file it writes. When it fails, the view's load
-    // below tries once more and, failing too, tells why.
     // A name that says web page saves the load that would find out.
     std::string ext = src.extension().string();
     std::transform(ext.begin(), ext.end(), ext.begin(),
@@ -209,6 +207,8 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
     const std::string macro = "macro:///Standard.TarnPrint.ToPdf(" + macro_argument(file_url(src)) +
                               "," + macro_argument(file_url(dst)) + "," +
                               macro_argument(web ? "1" : "0") + ")";
+    // The macro's only sign of success is the file it writes. When it fails, the view's load
+    // below tries once more and, failing too, tells why.
     viewed_ = !(office_->runMacro(macro.c_str()) && nonempty_file(dst));
     if (!viewed_) return true;
   }
