@@ -115,7 +115,7 @@ TEST_F(tarnctl_test, RefusesBadInputNamingTheValueAtFault) {
       {{"call"}, 2, "A subcommand is required"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[0] + " " + c.args[1] + " " + c.args.back());
+    SCOPED_TRACE(::testing::PrintToString(c.args));
     auto r = tarnctl(c.args, "yes\n");
     EXPECT_EQ(r.exit_code, c.exit_code);
     EXPECT_NE(r.err.find(c.err_part), std::string::npos) << r.err;
