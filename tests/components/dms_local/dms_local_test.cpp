@@ -3,7 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <gmock/gmock.h>
+
 #include <fstream>
 #include <functional>
 #include <map>
@@ -20,12 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::select_item;
 using names = std::set<std::string>;
-
-size_t files_below(const fs::path& dir) {
-  std::error_code ec;
-  return std::count_if(fs::recursive_directory_iterator(dir, ec), {},
-                       [](const fs::directory_entry& e) { return e.is_regular_file(); });
-}
 
 int exit_status(pid_t pid) {
   int status = 0;
@@ -242,7 +237,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseOrEndRemovesThem) 
     ASSERT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), c.hr);
     if (FAILED(c.hr)) {
       EXPECT_TRUE(FAILED(dms_->DocGetLocalFile("", item, &path)));
-      EXPECT_EQ(files_below(cache_dir()), 0u);
+      EXPECT_THAT(test::files_below(cache_dir(), ""), ::testing::IsEmpty());
       EXPECT_EQ(dms_->DocClose("", item, kCloseNormal), S_OK);
       EXPECT_NE(described(*dms_, ref), "");
       continue;
@@ -253,7 +248,7 @@ TEST_F(dms_local_test, OpenCopiesUnderTheDocumentsNameAndCloseOrEndRemovesThem) 
     EXPECT_EQ(test::read_file(path), bytes);
     EXPECT_EQ(dms_->DocOpen("", item, kDocOpenForLocalUse), S_OK);
     EXPECT_EQ(dms_->DocClose("", item, kCloseNormal), S_OK);
-    EXPECT_EQ(files_below(cache_dir()), 0u);
+    EXPECT_THAT(test::files_below(cache_dir(), ""), ::testing::IsEmpty());
     EXPECT_TRUE(FAILED(dms_->DocClose("", item, kCloseNormal)));
     EXPECT_TRUE(FAILED(dms_->DocOpen("", item, kDocOpenForLocalUse)));
   }
