@@ -5,13 +5,12 @@
 #include <unistd.h>
 #include <LibreOfficeKit/LibreOfficeKit.hxx>
 
-#include <algorithm>
-#include <cctype>
 #include <fstream>
 #include <memory>
 
 #include "office_paths.h"
 #include "office_profile.h"
+#include "platform/ascii_text.h"
 
 namespace tarn {
 namespace {
@@ -200,9 +199,7 @@ bool lok_office::convert(const fs::path& src, const fs::path& dst, const std::st
   }
   if (format == "pdf") {
     // A name that says web page saves the load that would find out.
-    std::string ext = src.extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
+    const std::string ext = ascii_lower(src.extension().string());
     const bool web = ext == ".html" || ext == ".htm";
     const std::string macro = "macro:///Standard.TarnPrint.ToPdf(" + macro_argument(file_url(src)) +
                               "," + macro_argument(file_url(dst)) + "," +
