@@ -75,33 +75,19 @@ TEST_F(gateway_e2e_test, LogsPageFollowsTheFlagBitOfValueFourReadAtStart) {
   }
 }
 
-// With the default deadlines, none of which would end them: a client that stopped halfway
-// through a request, and for SIGTERM also one that never reads its replies.
-TEST_F(gateway_e2e_test, EachStopSignalEndsTheGatewayInTimeWhileClientsHang) {
-  for (int signo : {SIGTERM, SIGINT, SIGHUP}) {
-    SCOPED_TRACE(strsignal(signo));
-    auto gateway = start_listening("signal");
-    raw_http_client held(kPort), never_reads(kPort);
-    ASSERT_TRUE(held.send("POST / HTTP/1.1\r\nContent-Len"));
-    std::thread flooding([&, flood = signo == SIGTERM] {
-      if (flood) never_reads.send(version_calls(200'000));
-    });
-    if (signo == SIGTERM) std::this_thread::sleep_for(1s);
-    gateway->send_signal(signo);
-    const auto code = gateway->wait_exit(5s);
-    if (!code) gateway->send_signal(SIGKILL);  // else the flooding thread would never end
-    flooding.join();
-    EXPECT_EQ(code, std::optional<int>(0)) << gateway->error_output();
-    EXPECT_TRUE(held.closed_by_server());
-    EXPECT_FALSE(port_answers());
-  }
-  SCOPED_TRACE("SIGTERM before the port is open");
-  gateway_process early(env_.root(), "early");
-  ASSERT_TRUE(early.send_signal(SIGTERM));
-  const auto code = early.wait_exit(10s);
-  ASSERT_TRUE(code.has_value()) << "still running 10 s after SIGTERM";
-  // Before the handler is installed the default action ends it: 128 + 15.
-  EXPECT_TRUE(*code == 0 || *code == 128 + SIGTERM) << *code;
+// With the default deadlines, none of which would end it, a client that never reads its
+// replies holds a connection thread in a send. Which signals stop the gateway is the watcher's
+// test, and a half-sent request at the exit the app's.
+TEST_F(gateway_e2e_test, SigtermEndsTheGatewayInTimeWhileAClientNeverReads) {
+  auto gateway = start_listening("signal");
+  raw_http_client never_reads(kPort);
+  std::thread flooding([&] { never_reads.send(version_calls(200'000)); });
+  std::this_thread::sleep_for(1s);
+  gateway->send_signal(SIGTERM);
+  const auto code = gateway->wait_exit(5s);
+  if (!code) gateway->send_signal(SIGKILL);  // else the flooding thread would never end
+  flooding.join();
+  EXPECT_EQ(code, std::optional<int>(0)) << gateway->error_output();
   EXPECT_FALSE(port_answers());
 }
 
