@@ -26,11 +26,6 @@ using ::testing::HasSubstr;
 using clock = std::chrono::steady_clock;
 
 const std::string kCommandReply = R"json([1,"send_command",2,0,{}])json";
-const std::string kThrift = "application/x-thrift";
-
-std::string command(const std::string& connection, const std::vector<std::string>& refs) {
-  return send_command_message(kCreatePdf, connection, "", refs, 0);
-}
 
 // A connection to port 9090 at `address`, v4 or v6. Each wait on it ends within 30 s, which
 // fails the case instead of hanging the test.
@@ -59,43 +54,23 @@ std::string exchange_on(const unique_fd& fd, const std::string& request) {
   return all;
 }
 
-class hostile_client_e2e_test : public e2e_test {
- protected:
-  void SetUp() override {
-    e2e_test::SetUp();
-    set_dword("Tarn_GateWay_fetatures", 4);
-  }
-};
+using hostile_client_e2e_test = e2e_test;
 
 TEST_F(hostile_client_e2e_test, MemoryStaysBoundedWhateverIsSent) {
   auto gateway = start_listening("gateway");
   for (int i = 0; i < 20; ++i) ASSERT_EQ(call(kVersionCall), kVersionReply);
   const long idle_kib = facts_of(gateway->pid()).rss_kib;
 
-  const std::string big_connection(1900 * 1024, 'c');
-  std::vector<std::string> refs_65;
-  for (int i = 1; i <= 65; ++i) refs_65.push_back(std::to_string(i) + ".1");
-  const struct {
-    const char* name;
-    std::string body, type, reply;  // a body over the limit ends its connection
-  } attacks[] = {
-      {"a 10 MiB connection with 65 references, as text/plain",
-       command(std::string(10 << 20, 'c'), refs_65), "text/plain", ""},
-      {"a 1.9 MiB connection", command(big_connection, {"1.1", "2.1"}), kThrift, kCommandReply},
-  };
-  for (const auto& a : attacks) {
-    EXPECT_EQ(call(a.body, a.type), a.reply) << a.name;
-    EXPECT_LT(facts_of(gateway->pid()).rss_kib - idle_kib, 64 * 1024) << a.name;
-    EXPECT_EQ(call(kVersionCall), kVersionReply) << "served after " << a.name;
-  }
+  // A body just under the size limit is served; sixteen at once share one budget, so some are
+  // refused. One over the limit is refused before it is read, and the log keeps each entry
+  // short: the server's and the log's own tests.
+  const std::string big =
+      send_command_message(kCreatePdf, std::string(1900 * 1024, 'c'), "", {"1.1"}, 0);
+  EXPECT_EQ(call(big), kCommandReply);
   std::vector<std::thread> clients;
-  for (int i = 0; i < 16; ++i)
-    clients.emplace_back([&] { call(command(big_connection, {"1.1"})); });
+  for (int i = 0; i < 16; ++i) clients.emplace_back([&] { call(big); });
   for (auto& client : clients) client.join();
   EXPECT_LT(facts_of(gateway->pid()).rss_kib - idle_kib, 64 * 1024) << "16 big bodies at once";
-  const std::string logs = get("/logs");
-  EXPECT_LT(logs.size(), 70u * 1100) << "65 entries of at most 1 KiB each";
-  EXPECT_THAT(logs, HasSubstr("refused: dms_connection of 1945600 bytes, more than 1024"));
 
   // One connection, many requests, pipelined: its buffers hold one request, not all.
   constexpr int kRequests = 300'000;
