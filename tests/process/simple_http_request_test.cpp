@@ -14,12 +14,6 @@ using test::canned_http_server;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
-// A port that nothing listens on: bound once, then let go.
-int closed_port() {
-  canned_http_server gone("");
-  return gone.port();
-}
-
 TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
   // Any case of a known method; anything else is a GET.
   const std::pair<const char*, const char*> verbs[] = {
@@ -27,19 +21,10 @@ TEST(simple_http_request_test, VerbsMapToMethodsAndEmptyArgumentsThrow) {
   for (const auto& [verb, method] : verbs)
     EXPECT_EQ(simple_http_request("http://127.0.0.1:1", verb).method(), method) << verb;
 
-  const struct {
-    const char* uri;
-    const char* verb;
-    const char* what;
-  } bad[] = {
-      {"http://127.0.0.1:1", "", "verb is empty"},
-      {"", "get", "uri_string is empty"},
-  };
-  for (const auto& b : bad) {
-    EXPECT_THAT([&] { simple_http_request(b.uri, b.verb); },
-                ThrowsMessage<std::invalid_argument>(StrEq(b.what)))
-        << b.uri << " / " << b.verb;
-  }
+  EXPECT_THAT([] { simple_http_request("http://127.0.0.1:1", ""); },
+              ThrowsMessage<std::invalid_argument>(StrEq("verb is empty")));
+  EXPECT_THAT([] { simple_http_request("", "get"); },
+              ThrowsMessage<std::invalid_argument>(StrEq("uri_string is empty")));
 }
 
 TEST(simple_http_request_test, ProbeCountsOnlyStatus200WithTheWordInTheBody) {
@@ -63,7 +48,7 @@ TEST(simple_http_request_test, ProbeCountsOnlyStatus200WithTheWordInTheBody) {
     EXPECT_EQ(another_gateway_answers(server.uri()), c.answers);
     EXPECT_EQ(server.requests().size(), 1u);
   }
-  EXPECT_FALSE(another_gateway_answers("http://127.0.0.1:" + std::to_string(closed_port())));
+  EXPECT_FALSE(another_gateway_answers("http://127.0.0.1:1")) << "nothing listens on port 1";
   EXPECT_FALSE(another_gateway_answers("not a uri at all ::"));
 }
 
