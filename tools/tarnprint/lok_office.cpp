@@ -164,7 +164,7 @@ bool lok_office::start(const fs::path& program_dir, const fs::path& profile, std
     *err = "LibreOffice is not installed in " + program_dir.string();
     return false;
   }
-  if (!prepare_office_profile(profile, err)) return false;
+  if (!prepare_office_profile(profile, installed_office_version(program_dir), err)) return false;
   office_ = lok::lok_cpp_init(program_dir.c_str(), file_url(profile).c_str());
   if (office_ == nullptr) {
     *err = "LibreOfficeKit could not load the office from " + program_dir.string();

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <vector>
 
 namespace tarn {
 namespace {
@@ -57,22 +58,44 @@ std::string setting_item(const forced_setting& s) {
          "\" oor:op=\"fuse\"><value>" + s.value + "</value></prop></item>\n";
 }
 
+std::string read_all(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 }  // namespace
 
-bool prepare_office_profile(const fs::path& profile, std::string* err) {
+std::string installed_office_version(const fs::path& program_dir) {
+  const std::string text = read_all(program_dir.parent_path() / "share" / "registry" / "main.xcd");
+  const std::string prop = "<prop oor:name=\"ooSetupVersion\">";
+  const size_t at = text.find(prop);
+  if (at == std::string::npos) return "";
+  const size_t begin = text.find("<value>", at);
+  const size_t end = text.find("</value>", begin);
+  if (begin == std::string::npos || end == std::string::npos || end - begin > 32) return "";
+  std::string version = text.substr(begin + 7, end - begin - 7);
+  // Written into XML as it is.
+  if (version.empty() || version.find_first_not_of("0123456789.") != std::string::npos) return "";
+  return version;
+}
+
+bool prepare_office_profile(const fs::path& profile, const std::string& office_version,
+                            std::string* err) {
   const fs::path file = profile / "user" / "registrymodifications.xcu";
-  std::string text;
-  {
-    std::ifstream in(file, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  for (const auto& s : kSettings) remove_setting(&text, s);
+  std::string text = read_all(file);
+  std::vector<forced_setting> settings(std::begin(kSettings), std::end(kSettings));
+  // An office that finds no record of having run in its version takes itself for an upgrade
+  // and spends most of a second on it at every start; a hidden load never writes the record.
+  if (!office_version.empty())
+    settings.push_back(
+        {"/org.openoffice.Setup/Product", "ooSetupLastVersion", office_version.c_str()});
+  for (const auto& s : settings) remove_setting(&text, s);
   size_t end = text.rfind(kSettingsEnd);
   if (end == std::string::npos) {
     text = std::string(kSettingsHead) + kSettingsEnd + "\n";
     end = text.rfind(kSettingsEnd);
   }
-  for (const auto& s : kSettings) {
+  for (const auto& s : settings) {
     const std::string item = setting_item(s);
     text.insert(end, item);
     end += item.size();

@@ -1,4 +1,5 @@
 // tarnprint's own judgement of a source and of the office profile, without an office.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -125,16 +126,20 @@ TEST_F(office_profile_test, ForcesItsSettingsAndKeepsTheRest) {
     fs::remove_all(profile);
     if (c.before) test::write_file(file, *c.before);
     std::string err;
-    ASSERT_TRUE(prepare_office_profile(profile, &err)) << err;
-    ASSERT_TRUE(prepare_office_profile(profile, &err)) << err;  // a second start adds nothing
+    ASSERT_TRUE(prepare_office_profile(profile, "7.4", &err)) << err;
+    ASSERT_TRUE(prepare_office_profile(profile, "7.4", &err))
+        << err;  // a second start adds nothing
     const std::string after = test::read_file(file);
     EXPECT_EQ(count(after, own), c.keeps_own ? 1u : 0u);
     EXPECT_EQ(count(after, "oor:name=\"MacroSecurityLevel\""), 1u) << after;
     EXPECT_EQ(count(after, "oor:name=\"Link\""), 2u) << after;  // text and spreadsheets
     EXPECT_EQ(count(after, "<value>0</value>"), 1u) << "only Writer's link mode: never";
     EXPECT_EQ(count(after, "<value>3</value>"), 1u) << "the highest macro security";
+    EXPECT_EQ(count(after, "\"ooSetupLastVersion\" oor:op=\"fuse\"><value>7.4<"), 1u);
     EXPECT_EQ(after.substr(after.size() - 13), "</oor:items>\n");
   }
+  EXPECT_THAT(installed_office_version("/usr/lib/libreoffice/program"),
+              testing::MatchesRegex("[0-9]+\\.[0-9]+"));
 }
 
 }  // namespace
