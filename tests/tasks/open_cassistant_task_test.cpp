@@ -52,9 +52,7 @@ TEST_F(open_cassistant_task_test, ListLeadsTheAssistantToEveryCopy) {
   ASSERT_FALSE(copies.empty()) << text;
   EXPECT_EQ(text,
             assistant_list_text({"", copies / (names[1] + ".pdf"), copies / (names[2] + ".pdf")}));
-  struct stat st;
-  ASSERT_EQ(stat(copies.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_EQ(fs::status(copies).permissions(), fs::perms::owner_all);
   EXPECT_EQ(list.parent_path(), env_.tmp());
   EXPECT_TRUE(list.filename().string().starts_with("ss_") && list.extension() == ".txt") << list;
   EXPECT_EQ(log_texts("ERROR:"),
