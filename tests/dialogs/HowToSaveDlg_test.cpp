@@ -114,22 +114,22 @@ TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndAnswersWithTheClickedOn
     bool local_save;
     std::optional<uint32_t> how_to_save, related;
     int32_t checked;
-    bool relate_checked, relate_enabled;
+    bool relate_checked;
     uint32_t written_how, written_related;
     int32_t choose;  // -1: no click
     bool relate;
     save_mode mode;
   } cases[] = {
       // clang-format off
-      {"nothing stored", false, {}, {}, kHowNewDocument, true, true, 0, 1,
+      {"nothing stored", false, {}, {}, kHowNewDocument, true, 0, 1,
        kHowNewDocument, true, kSaveNewRelatedDocument},
-      {"new version", false, 1, 0, kHowNewVersion, false, false, 1, 0,
+      {"new version", false, 1, 0, kHowNewVersion, false, 1, 0,
        kHowNewDocument, false, kSaveNewDocument},
-      {"local save not allowed", false, 2, 1, kHowNewDocument, true, true, 0, 1,
+      {"local save not allowed", false, 2, 1, kHowNewDocument, true, 0, 1,
        kHowNewVersion, true, kSaveNewVersion},
-      {"local save allowed", true, 2, 1, kHowLocalSave, true, false, 2, 1,
+      {"local save allowed", true, 2, 1, kHowLocalSave, true, 2, 1,
        kHowNewVersion, false, kSaveNewVersion},
-      {"unknown number", false, 0xFFFFFFFF, 1, -1, true, false, 0xFFFFFFFF, 1,
+      {"unknown number", false, 0xFFFFFFFF, 1, -1, true, 0xFFFFFFFF, 1,
        -1, true, kSaveNewVersion},
       // clang-format on
   };
@@ -142,7 +142,6 @@ TEST_F(HowToSaveDlg_test, OpensWithTheRememberedChoiceAndAnswersWithTheClickedOn
     model.init();
     EXPECT_EQ(model.checked(), c.checked);
     EXPECT_EQ(model.relate_checked(), c.relate_checked);
-    EXPECT_EQ(model.relate_enabled(), c.relate_enabled);
     if (c.choose != -1) model.choose(static_cast<how_to_save_choice>(c.choose));
     model.set_relate(c.relate);
     model.store_settings();

@@ -122,10 +122,6 @@ TEST_F(MergeSortDlg_test, CancelEscapeAndCloseForgetTheChoicesButKeepTheSize) {
       EXPECT_EQ(dialog.size(), minimum);
       test::as_user([&, end = end](QWidget* dlg) {
         test::click(test::child(dlg, "one_pdf"));
-        select(dlg, 1);
-        test::click(test::child(dlg, "down"));
-        dlg->resize(10, 10);
-        EXPECT_EQ(dlg->size(), minimum);
         QWidget* ok = test::child(dlg, "ok");
         const QPoint ok_to_corner = QPoint(dlg->width(), dlg->height()) - ok->pos();
         const QSize list = files(dlg)->size();
