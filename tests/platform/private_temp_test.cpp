@@ -74,7 +74,6 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
     } else if (c.expected == "mkdtemp") {
       ASSERT_TRUE(dir) << err;
       EXPECT_EQ(dir->parent_path(), shared);
-      EXPECT_TRUE(dir->filename().string().starts_with(own + "-")) << *dir;
       EXPECT_EQ(private_temp_dir(), dir) << "one folder for the process";
       EXPECT_EQ(test::read_file(shared / own), "a user's file");
     } else {
