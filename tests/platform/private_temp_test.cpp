@@ -21,13 +21,6 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
     fs::create_directories(dir);
     fs::permissions(dir, fs::perms(mode));
   };
-  // Without TMPDIR; `mode` of a "tarn" folder already there, 0: none.
-  const auto runtime_with = [&](unsigned mode) {
-    env_.set_env("TMPDIR", std::nullopt);
-    fs::create_directories(runtime);
-    if (mode != 0) folder(runtime / "tarn", mode);
-    env_.set_env("XDG_RUNTIME_DIR", runtime.string());
-  };
   const auto no_cache = [&] {
     test::write_file(env_.root() / "no-cache", "");
     env_.set_env("XDG_CACHE_HOME", (env_.root() / "no-cache").string());
@@ -41,8 +34,13 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
       {"a TMPDIR all may write gets a folder of ours", [&] { folder(shared, 01777); },
        shared / own},
       {"so does one its group may enter", [&] { folder(shared, 0750); }, shared / own},
-      {"without TMPDIR, the runtime folder", [&] { runtime_with(0); }, runtime / "tarn"},
-      {"a folder of that name open to others: the cache", [&] { runtime_with(0755); }, cache},
+      {"without TMPDIR, the runtime folder",
+       [&] {
+         env_.set_env("TMPDIR", std::nullopt);
+         fs::create_directories(runtime);
+         env_.set_env("XDG_RUNTIME_DIR", runtime.string());
+       },
+       runtime / "tarn"},
       {"the name held by a link to someone else's folder: the cache",
        [&] {
          folder(shared, 0777);
@@ -76,7 +74,6 @@ TEST_F(private_temp_test, TakesTheFirstPlaceThatIsPrivateAndFallsBackWhenItIsNot
     } else if (c.expected == "mkdtemp") {
       ASSERT_TRUE(dir) << err;
       EXPECT_EQ(dir->parent_path(), shared);
-      EXPECT_TRUE(dir->filename().string().starts_with(own + "-")) << *dir;
       EXPECT_EQ(private_temp_dir(), dir) << "one folder for the process";
       EXPECT_EQ(test::read_file(shared / own), "a user's file");
     } else {

@@ -115,20 +115,13 @@ TEST_F(TarnGateWayHandler_test, DefaultFactoryMakesTheTaskOfEachCommand) {
   EXPECT_EQ(default_task_factory()({2, "a", "b", {"d1"}}, nullptr, nullptr), nullptr);
 }
 
-// The wire's bytes are the clients' contract; what Thrift decides alone isn't tried here.
-TEST_F(TarnGateWayHandler_test, ProcessorAnswersTheServiceMessagesByteForByte) {
-  const std::pair<std::string, std::string> cases[] = {
-      {R"([1,"get_version",4,-7,{"9":{"lst":["i32",1,5]}}])",
-       R"j([1,"get_version",2,-7,{"0":{"str":"Vantu Tarn (version 5.0)"}}])j"},
-      {R"([1,"send_command",1,7,{"1":{"i32":0},"2":{"str":"ctx-a"},"3":{"str":"ctx-b"},"4":{"set":["str",2,"doc-1","doc-2"]}}])",
-       R"([1,"send_command",2,7,{}])"},
-      {R"([1,"send_command",1,1,{"1":{"i32":5},"4":{"set":["str",1,"x"]}}])",
-       R"([1,"send_command",2,1,{}])"},
-  };
-  for (const auto& [call, reply] : cases) {
-    SCOPED_TRACE(call);
-    EXPECT_EQ(process(call), reply);
-  }
+// The wire's bytes are the clients' contract; what Thrift decides alone isn't tried here, and
+// the version call's reply is pinned by the HTTP server's tests through this same processor.
+TEST_F(TarnGateWayHandler_test, ProcessorTakesEachFieldOfACommandFromItsPlace) {
+  EXPECT_EQ(
+      process(
+          R"([1,"send_command",1,7,{"1":{"i32":0},"2":{"str":"ctx-a"},"3":{"str":"ctx-b"},"4":{"set":["str",2,"doc-1","doc-2"]}}])"),
+      R"([1,"send_command",2,7,{}])");
   EXPECT_EQ(made_, (Lines{"0 ctx-a|ctx-b|doc-1|doc-2"}));
 }
 

@@ -102,7 +102,6 @@ class fault_connector final : public unknown_impl<IDMSHelper> {
            location + ", " + folder + ", " + file_name + ", " + doc_ref + ", " +
            std::to_string(flags) + ")");
     if (fault("SaveDocItem")) return kHrDiskFull;
-    if (!std::filesystem::exists(local_path)) return E_INVALIDARG;
     *item_id = "saved" + std::to_string(state.next_item++);
     state.open_items.insert(*item_id);
     return S_OK;
