@@ -68,12 +68,14 @@ std::string read_all(const fs::path& file) {
 std::string installed_office_version(const fs::path& program_dir) {
   const std::string text = read_all(program_dir.parent_path() / "share" / "registry" / "main.xcd");
   const std::string prop = "<prop oor:name=\"ooSetupVersion\">";
-  const size_t at = text.find(prop);
+  size_t at = text.find(prop);
   if (at == std::string::npos) return "";
-  const size_t begin = text.find("<value>", at);
-  const size_t end = text.find("</value>", begin);
-  if (begin == std::string::npos || end == std::string::npos || end - begin > 32) return "";
-  std::string version = text.substr(begin + 7, end - begin - 7);
+  // The value's element comes next, after at most the layout's blanks.
+  at = text.find_first_not_of(" \t\r\n", at + prop.size());
+  if (at == std::string::npos || text.compare(at, 7, "<value>") != 0) return "";
+  const size_t end = text.find("</value>", at);
+  if (end == std::string::npos || end - at > 32) return "";
+  std::string version = text.substr(at + 7, end - at - 7);
   // Written into XML as it is.
   if (version.empty() || version.find_first_not_of("0123456789.") != std::string::npos) return "";
   return version;
