@@ -37,23 +37,6 @@ HRESULT hresult_of(store_status status) {
   return E_FAIL;
 }
 
-HRESULT hresult_of_errno(int error) {
-  switch (error) {
-    case ENOENT:
-      return kHrFileNotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-      return E_ACCESSDENIED;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-      return kHrDiskFull;
-    default:
-      return E_FAIL;
-  }
-}
-
 // No exception leaves an interface method.
 template <typename Body>
 HRESULT guarded(const char* method, Body body) noexcept {
@@ -132,7 +115,8 @@ class dms_local_connector final : public unknown_impl<IDMSHelper> {
       std::filesystem::path copy;
       copy_result copied = cache_.put(source, v.name, v.extension, &copy);
       if (!copied.ok)
-        return traced(hresult_of_errno(copied.error), "DocOpen", v.ref() + ": " + copied.text);
+        return traced(hresult_of(status_of_errno(copied.error)), "DocOpen",
+                      v.ref() + ": " + copied.text);
       if (copied.size != v.size) {
         cache_.remove(copy);
         return traced(kHrInvalidData, "DocOpen",

@@ -89,26 +89,6 @@ int read_versions(sqlite3_stmt* stmt, const std::string& library,
   return rc;
 }
 
-store_status status_of_errno(int error) {
-  switch (error) {
-    case ENOENT:
-      return store_status::not_found;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-      return store_status::read_only;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-      return store_status::no_space;
-    case EISDIR:
-    case EINVAL:
-      return store_status::invalid;
-    default:
-      return store_status::failed;
-  }
-}
-
 store_status fail(store_status status, std::string* err, std::string text) {
   if (err != nullptr) *err = std::move(text);
   return status;
@@ -168,6 +148,26 @@ bool folder_is_empty(const std::filesystem::path& dir) {
 }
 
 }  // namespace
+
+store_status status_of_errno(int error) {
+  switch (error) {
+    case ENOENT:
+      return store_status::not_found;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return store_status::read_only;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return store_status::no_space;
+    case EISDIR:
+    case EINVAL:
+      return store_status::invalid;
+    default:
+      return store_status::failed;
+  }
+}
 
 std::string stored_version::ref() const { return format_doc_ref(library, number, version); }
 

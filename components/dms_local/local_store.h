@@ -20,6 +20,9 @@ namespace tarn {
 // The outcome of a store operation, for callers that branch on the cause.
 enum class store_status { ok, not_found, invalid, read_only, no_space, busy, failed };
 
+// What a system error (errno) means for the store's caller.
+store_status status_of_errno(int error);
+
 struct stored_version {
   std::string library;
   int64_t number = 0;
